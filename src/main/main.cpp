@@ -1,0 +1,54 @@
+#include <QCoreApplication>
+#include <QString>
+#include <cstdio>
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
+#include <QTextCodec>
+#endif
+
+#include <glog/logging.h>
+
+#include "GLog.h"
+#include "QEL_SQLConf.h"
+#include "globals.h"
+#include "oxa_dir.h"
+#include "startup.h"
+
+void chkDirComplete()
+{
+    if (oxa_dir_create(gConfig->logpath.toUtf8().constData(), "") != 0)
+        LOG(INFO) << "logdir create wrong:" << true;
+    if (oxa_dir_create(gConfig->failpath.toUtf8().constData(), "") != 0)
+        LOG(INFO) << "faildir create wrong:" << true;
+    if (oxa_dir_create(gConfig->tdata.toUtf8().constData(), "") != 0)
+        LOG(INFO) << "tdata create wrong:" << true;
+}
+
+int main(int argc, char* argv[])
+{
+    QCoreApplication app(argc, argv);
+
+    // Qt 5 and 6 already treat C strings as UTF-8; only the locale codec is
+    // left to set, and only Qt 5 still has it.
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
+    QTextCodec::setCodecForLocale(QTextCodec::codecForName("utf-8"));
+#endif
+
+    const QString dbPath = (argc == 2) ? QString::fromUtf8(argv[1]) : QString("./sysconf.db");
+    gConfig = QEL_SQLConf::getInstance(&app, dbPath);
+
+    if (gConfig->status == QEL_SQLConf::kSuccess) {
+        chkDirComplete();
+        gGlog = new GLog(gConfig->logpath.toUtf8().toStdString(), argv, &app);
+        LOG(INFO) << "version:1.0.2" << " release";
+        LOG(INFO) << gConfig->status.toUtf8().constData();
+        return app.exec();
+    }
+
+    if (oxa_dir_create("./qel_net/", "qel_log") != 0)
+        perror("logdir create wrong");
+    const std::string logDir = std::string("./qel_net/") + "qel_log";
+    gGlog = new GLog(logDir, argv, &app);
+    LOG(INFO) << "version:1.0.2" << " release";
+    LOG(INFO) << gConfig->status.toUtf8().constData();
+    return 0;
+}

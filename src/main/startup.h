@@ -1,0 +1,5 @@
+#pragma once
+
+// Creates the log, failure and temporary-data directories named by the
+// configuration; a failure is logged and start-up goes on.
+void chkDirComplete();
