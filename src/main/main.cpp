@@ -8,6 +8,7 @@
 #include <glog/logging.h>
 
 #include "GLog.h"
+#include "NetWorkConsole.h"
 #include "QEL_SQLConf.h"
 #include "globals.h"
 #include "oxa_dir.h"
@@ -41,6 +42,8 @@ int main(int argc, char* argv[])
         gGlog = new GLog(gConfig->logpath.toUtf8().toStdString(), argv, &app);
         LOG(INFO) << "version:1.0.2" << " release";
         LOG(INFO) << gConfig->status.toUtf8().constData();
+        gConsole = new NetWorkConsole(&app);
+        gConsole->FirstInit();
         return app.exec();
     }
 

@@ -125,9 +125,27 @@ QString QEL_SQLConf::setDefaultValue(const QString& key, const QString& value, c
 
 void QEL_SQLConf::insertOnceItem(const QString& text)
 {
+    insertOnceItem(text, QDateTime::currentMSecsSinceEpoch());
+}
+
+void QEL_SQLConf::insertOnceItem(const QString& text, qint64 whenMs)
+{
+    // Plain text substitution: a text holding a single quote is not kept.
     query_.exec(QString("insert into info_failhistory (发送时间,内容) values ('%1', '%2')")
-                    .arg(QDateTime::currentMSecsSinceEpoch())
+                    .arg(whenMs)
                     .arg(viaUtf8(text)));
+}
+
+void QEL_SQLConf::storeFailTexts(const QStringList& texts, bool replace)
+{
+    // One commit for the whole batch instead of one per row.
+    const bool inTransaction = db_.transaction();
+    if (replace)
+        clearFailTable();
+    for (const QString& text : texts)
+        insertOnceItem(text);
+    if (inTransaction)
+        db_.commit();
 }
 
 void QEL_SQLConf::clearFailTable()

@@ -25,6 +25,10 @@ public:
 
     // Failure history: unsent request texts kept across restarts.
     void insertOnceItem(const QString& text);
+    // The same, with the time the text was handed over (ms since the epoch).
+    void insertOnceItem(const QString& text, qint64 whenMs);
+    // Stores texts in one transaction; `replace` empties the table first.
+    void storeFailTexts(const QStringList& texts, bool replace);
     void clearFailTable();
     QStringList initFailHistory();
 

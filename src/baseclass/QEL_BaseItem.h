@@ -1,0 +1,72 @@
+#pragma once
+
+#include <QDateTime>
+#include <QObject>
+#include <QString>
+#include <QStringList>
+
+#include "RetError.h"
+
+class CHttpBase;
+class QEL_BaseSocket;
+class QEL_BaseThread;
+
+// One kind of message to the server. The item's number is its index in the
+// console's item table and the "SessionId" of its requests, so replies come
+// back to it. Items live in the main thread; Item_NetSendOperate and
+// Item_NetErrorOperate run in the send thread.
+class QEL_BaseItem : public QObject
+{
+    Q_OBJECT
+public:
+    explicit QEL_BaseItem(QObject* parent);
+    ~QEL_BaseItem() override;
+
+    virtual RetError Item_Init();
+    virtual RetError Item_ReInit();
+    virtual RetError Item_addToSendQueue(const QStringList& list);
+    virtual RetError Item_NetSendOperate(const QString& request);
+    virtual RetError Item_NetRecvOperate(const QString& body);
+    virtual RetError Item_NetErrorOperate(RetError error, const QString& request);
+    virtual RetError Item_pickInfo(const QString& info, QString& out);
+    virtual void ParseToCamDec(const QString& text, int& camera, int& detect);
+
+    // A message body from the application: build the request and queue it.
+    // Items whose preparation may block override this to do it off the main
+    // thread.
+    virtual void Item_fromApplication(const QString& body);
+
+    void Item_CloseSocket();
+
+    // True when this item can send: it has a socket and a send thread.
+    bool canSend() const { return socket != nullptr && thread != nullptr; }
+
+    CHttpBase* http = nullptr;          // owned
+    QEL_BaseSocket* socket = nullptr;   // not owned
+    QEL_BaseThread* thread = nullptr;   // not owned
+    QStringList workList;
+    QString textA;
+    QString textB;
+    QDateTime lastTime;
+    qint32 number = 0;
+
+signals:
+    void sigNoConnected();
+
+public slots:
+    void SlotReConnecting();
+
+protected:
+    // Takes the head of the queue out if it is still `request`.
+    QString takeHeadIf(const QString& request);
+};
+
+// A member of the item family that binds nothing and sends nothing.
+class QEL_ItemNone : public QEL_BaseItem
+{
+    Q_OBJECT
+public:
+    explicit QEL_ItemNone(QObject* parent);
+    RetError Item_Init() override;
+    RetError Item_NetErrorOperate(RetError error, const QString& request) override;
+};

@@ -1,0 +1,108 @@
+#include "QEL_SocketInline.h"
+
+#include <QMutexLocker>
+#include <cstring>
+
+#include <glog/logging.h>
+
+#include "NetWorkConsole.h"
+#include "QEL_BaseItem.h"
+#include "RetError.h"
+#include "globals.h"
+
+namespace {
+const int kInlineReadBuffer = 65535;
+const int kInlineWriteWaitMs = 5000;
+const char* const kSeparator = ":..!";
+}  // namespace
+
+QEL_SocketInline::QEL_SocketInline(QObject* parent)
+    : QEL_BaseSocket(parent)
+{
+    name = "INLINE";
+    host = "127.0.0.1";
+    port = "8890";
+    hostAddress.setAddress(host);
+    setReadBufferSize(kInlineReadBuffer);
+}
+
+int QEL_SocketInline::Init()
+{
+    requestConnect(ConnectWhen::Now, [this](bool ok) { connected = ok; });
+    return isQel() ? RET_OK : ERR_NetNoConnect;
+}
+
+void QEL_SocketInline::SlotRecvData()
+{
+    while (bytesAvailable() > 0) {
+        const QByteArray chunk = read(kInlineReadBuffer);
+        if (chunk.isEmpty())
+            break;
+        gConsole->sendInfoToInline(appBack_.BackReply(SendType(0)));
+        const int len = static_cast<int>(strnlen(chunk.constData(), static_cast<size_t>(chunk.size())));
+        ParsingAndSend(QString::fromUtf8(chunk.constData(), len));
+    }
+}
+
+int QEL_SocketInline::ParsingAndSend(const QString& message)
+{
+    const QStringList parts = message.split(kSeparator, Qt::KeepEmptyParts, Qt::CaseSensitive);
+    if (parts.size() != 2)
+        return RET_MALFORMED;
+    const QStringList head = parts[0].split(":", Qt::KeepEmptyParts, Qt::CaseSensitive);
+    if (head.size() != 2)
+        return RET_MALFORMED;
+
+    const int type = head[0].toInt(nullptr, 10);
+    // The item table has entries 0..20 only; anything else is dropped quietly.
+    if (type > 20 || type < 0)
+        return RET_TYPE_RANGE;
+
+    const QString& body = parts[1];
+    if (type == 9) {
+        LOG(INFO) << "Inline:" << 9 << "(sharedMemory get ready)";
+        return OperaSharedMemory(body);
+    }
+
+    gConsole->items[type]->Item_fromApplication(body);
+    LOG(INFO) << "Inline:" << type << "(get info from application)";
+    return RET_OK;
+}
+
+int QEL_SocketInline::OperaSharedMemory(const QString&)
+{
+    // The shared-memory frame intake arrives with the live-video work; until
+    // then the announcement is logged and otherwise ignored.
+    return RET_OK;
+}
+
+QEL_ThreadInLine::QEL_ThreadInLine(QObject* parent)
+    : QEL_BaseThread(parent)
+{
+}
+
+void QEL_ThreadInLine::setSocket(QEL_BaseSocket* socket)
+{
+    socket_ = socket;
+}
+
+void QEL_ThreadInLine::drain()
+{
+    for (;;) {
+        QString text;
+        {
+            QMutexLocker g(lock);
+            // Link down: the texts stay queued for the next start.
+            if (queue.isEmpty() || !socket_->connected) {
+                endPassLocked();
+                return;
+            }
+            text = queue.first();
+        }
+        // Not under the queue lock: producers on the main thread must never
+        // wait for the main thread's own write.
+        socket_->writeAndWait(text.toUtf8(), kInlineWriteWaitMs);
+        QMutexLocker g(lock);
+        queue.removeFirst();
+    }
+}

@@ -1,0 +1,42 @@
+#pragma once
+
+#include "CHttp_AppBack.h"
+#include "QEL_BaseSocket.h"
+#include "QEL_BaseThread.h"
+
+// The link to the inspection application on 127.0.0.1:8890. One TCP read is
+// one message "<type>:<field>:..!<body>"; every read is acknowledged with a
+// "/back/" notice before it is parsed.
+class QEL_SocketInline : public QEL_BaseSocket
+{
+    Q_OBJECT
+public:
+    explicit QEL_SocketInline(QObject* parent);
+
+    int Init() override;
+    int ParsingAndSend(const QString& message);
+    int OperaSharedMemory(const QString& body);
+
+    bool sharedMemoryStarted = false;
+
+public slots:
+    void SlotRecvData() override;
+
+private:
+    CHttp_AppBack appBack_;
+};
+
+// Writes the texts queued for the application, in order, one at a time.
+class QEL_ThreadInLine : public QEL_BaseThread
+{
+    Q_OBJECT
+public:
+    explicit QEL_ThreadInLine(QObject* parent = nullptr);
+    void setSocket(QEL_BaseSocket* socket);
+
+protected:
+    void drain() override;
+
+private:
+    QEL_BaseSocket* socket_ = nullptr;
+};

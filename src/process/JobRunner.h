@@ -1,0 +1,29 @@
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+// A single worker thread that runs posted jobs in order: for work that may
+// block (running shell commands) and so must stay off the event loop.
+class JobRunner
+{
+public:
+    JobRunner() = default;
+    ~JobRunner();
+    JobRunner(const JobRunner&) = delete;
+    JobRunner& operator=(const JobRunner&) = delete;
+
+    void post(std::function<void()> job);
+
+private:
+    void loop();
+
+    std::mutex m_;
+    std::condition_variable cv_;
+    std::deque<std::function<void()>> jobs_;
+    bool quit_ = false;
+    std::thread worker_;
+};

@@ -1,0 +1,48 @@
+#include "QEL_ItemLoad.h"
+
+#include <glog/logging.h>
+
+#include "CHttpEndpoints.h"
+#include "NetWorkConsole.h"
+#include "QEL_BaseThread.h"
+#include "globals.h"
+
+QEL_ItemLoad::QEL_ItemLoad(QObject* parent)
+    : QEL_BaseItem(parent)
+{
+    http = new CHttp_Load;
+    number = 3;
+}
+
+RetError QEL_ItemLoad::Item_Init()
+{
+    QEL_BaseItem::Item_Init();
+    Item_addToSendQueue(QStringList() << http->getHttp());
+    return RET_OK;
+}
+
+RetError QEL_ItemLoad::Item_pickInfo(const QString& info, QString& out)
+{
+    // A login text from the application is built on a builder of its own, so
+    // the agent's own login request stays as it is.
+    CHttp_Load builder;
+    builder.repaceBuff(info);
+    out = builder.getHttp();
+    return RET_OK;
+}
+
+RetError QEL_ItemLoad::Item_NetRecvOperate(const QString& body)
+{
+    QString code;
+    CHttpBase::getBuffItem(body, "code", code);
+    gConsole->loggedIn = (code == "0");
+    return QEL_BaseItem::Item_NetRecvOperate(body);
+}
+
+RetError QEL_ItemLoad::Item_NetErrorOperate(RetError, const QString& request)
+{
+    // The login is dropped, not retried; the heartbeat stays off.
+    takeHeadIf(request);
+    thread->counter = -1;
+    return RET_OK;
+}

@@ -1,0 +1,32 @@
+#include "QEL_SimpleItems.h"
+
+#include "NetWorkConsole.h"
+#include "QEL_BaseSocket.h"
+#include "globals.h"
+
+RetError QEL_ItemDelTemp::Item_Init()
+{
+    socket = gConsole->socketFile;
+    thread = gConsole->threadInfo;
+    return RET_OK;
+}
+
+RetError QEL_ItemDelTemp::Item_NetRecvOperate(const QString& body)
+{
+    const RetError r = QEL_BaseItem::Item_NetRecvOperate(body);
+    Item_CloseSocket();
+    return r;
+}
+
+template <class Builder, int Number>
+RetError QEL_QueryItem<Builder, Number>::Item_NetRecvOperate(const QString& body)
+{
+    if (QEL_BaseItem::Item_NetRecvOperate(body) != RET_OK)
+        return RET_OK;
+    this->http->repaceBuff(body);
+    gConsole->sendInfoToInline(this->http->getHttp());
+    return RET_OK;
+}
+
+template class QEL_QueryItem<CHttp_GetProductInfo, 14>;
+template class QEL_QueryItem<cHttp_GetRemind, 17>;
