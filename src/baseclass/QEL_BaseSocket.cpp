@@ -158,11 +158,11 @@ void QEL_BaseSocket::handleReply(const QByteArray& chunk)
 
 // ---- connecting -----------------------------------------------------------
 
-int QEL_BaseSocket::backoffDelayMs() const
+int reconnectDelayMs(int failures)
 {
-    if (failures_ == 0)
+    if (failures <= 0)
         return 0;
-    const int shift = failures_ - 1 < 5 ? failures_ - 1 : 5;
+    const int shift = failures - 1 < 5 ? failures - 1 : 5;
     const int delay = kBackoffFirstMs << shift;
     return delay < kBackoffMaxMs ? delay : kBackoffMaxMs;
 }
@@ -184,7 +184,7 @@ void QEL_BaseSocket::requestConnect(ConnectWhen when, ConnectDone done, const QS
     if (retryTimer_.isActive() && when == ConnectWhen::Backoff)
         return;
     // Always begin from the event loop, never inside the caller's stack.
-    retryTimer_.start(when == ConnectWhen::Now ? 0 : backoffDelayMs());
+    retryTimer_.start(when == ConnectWhen::Now ? 0 : reconnectDelayMs(failures_));
 }
 
 void QEL_BaseSocket::beginAttempt()

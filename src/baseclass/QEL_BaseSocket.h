@@ -17,6 +17,10 @@
 // it is made there: connecting is asynchronous with a 5 s bound, and worker
 // threads hand their writes to the main thread (writeAndWait) instead of
 // touching the socket themselves.
+// Delay before the next connection attempt after `failures` failed ones in a
+// row: none after a success, then 1 s doubling up to 30 s.
+int reconnectDelayMs(int failures);
+
 class QEL_BaseSocket : public QTcpSocket
 {
     Q_OBJECT
@@ -88,7 +92,6 @@ private:
     void failPendingWrites();
     void beginAttempt();
     void finishAttempt(bool ok);
-    int backoffDelayMs() const;
 
     QMutex* lock_;
     bool attemptInProgress_ = false;

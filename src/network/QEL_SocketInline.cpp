@@ -44,7 +44,7 @@ void QEL_SocketInline::SlotRecvData()
     }
 }
 
-int QEL_SocketInline::ParsingAndSend(const QString& message)
+int QEL_SocketInline::splitMessage(const QString& message, int& type, QString& body)
 {
     const QStringList parts = message.split(kSeparator, Qt::KeepEmptyParts, Qt::CaseSensitive);
     if (parts.size() != 2)
@@ -53,12 +53,22 @@ int QEL_SocketInline::ParsingAndSend(const QString& message)
     if (head.size() != 2)
         return RET_MALFORMED;
 
-    const int type = head[0].toInt(nullptr, 10);
+    type = head[0].toInt(nullptr, 10);      // not a number: 0
     // The item table has entries 0..20 only; anything else is dropped quietly.
     if (type > 20 || type < 0)
         return RET_TYPE_RANGE;
+    body = parts[1];
+    return RET_OK;
+}
 
-    const QString& body = parts[1];
+int QEL_SocketInline::ParsingAndSend(const QString& message)
+{
+    int type = 0;
+    QString body;
+    const int r = splitMessage(message, type, body);
+    if (r != RET_OK)
+        return r;
+
     if (type == 9) {
         LOG(INFO) << "Inline:" << 9 << "(sharedMemory get ready)";
         return OperaSharedMemory(body);

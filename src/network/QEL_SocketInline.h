@@ -15,6 +15,9 @@ public:
 
     int Init() override;
     int ParsingAndSend(const QString& message);
+    // The message grammar alone: RET_OK with type and body, RET_MALFORMED
+    // (separator or head not exactly two parts) or RET_TYPE_RANGE.
+    static int splitMessage(const QString& message, int& type, QString& body);
     int OperaSharedMemory(const QString& body);
 
     bool sharedMemoryStarted = false;
