@@ -4,6 +4,8 @@
 
 #include <cJSON.h>
 
+#include "oxa_json.h"
+
 void CHttpBase::repaceBuff(const QString& text)
 {
     body = text;
@@ -68,7 +70,7 @@ int CHttpBase::getBuffString(const QString& response, QString& body)
 
 int CHttpBase::getBuffItem(const QString& json, const QString& key, QString& value)
 {
-    cJSON* root = cJSON_Parse(json.toUtf8().constData());
+    cJSON* root = oxa_json_parse(json.toUtf8().constData());
     if (root == nullptr)
         return RET_BADJSON;
     // cJSON_GetObjectItem compares keys without regard to case.

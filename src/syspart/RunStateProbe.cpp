@@ -7,6 +7,8 @@
 
 #include <cJSON.h>
 
+#include "oxa_json.h"
+
 #include <cmath>
 
 #include "oxa_cmd.h"
@@ -112,7 +114,7 @@ RunStateSample measureRunState()
 bool composeRunStateBody(const QString& appJson, const RunStateSample& s, QString& out)
 {
     const QByteArray utf8 = appJson.toUtf8();
-    cJSON* root = cJSON_Parse(utf8.constData());
+    cJSON* root = oxa_json_parse(utf8.constData());
     if (root == nullptr)
         return false;
     if (!cJSON_IsObject(root)) {
