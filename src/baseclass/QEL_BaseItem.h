@@ -57,6 +57,17 @@ public slots:
     void SlotReConnecting();
 
 protected:
+    // Builds the request for an application text on a fresh builder, leaving
+    // the item's own builder (and the request it holds) untouched.
+    template <class Builder>
+    static RetError pickInfoOnOwnBuilder(const QString& info, QString& out)
+    {
+        Builder builder;
+        builder.repaceBuff(info);
+        out = builder.getHttp();
+        return RET_OK;
+    }
+
     // Takes the head of the queue out if it is still `request`.
     QString takeHeadIf(const QString& request);
 };

@@ -38,10 +38,7 @@ RetError QEL_ItemHeartBeat::Item_pickInfo(const QString& info, QString& out)
 {
     // A heartbeat text from the application must not change the timer's own
     // heartbeat, so it gets a builder of its own.
-    CHttp_Heart builder;
-    builder.repaceBuff(info);
-    out = builder.getHttp();
-    return RET_OK;
+    return pickInfoOnOwnBuilder<CHttp_Heart>(info, out);
 }
 
 void QEL_ItemHeartBeat::timerEvent(QTimerEvent* event)

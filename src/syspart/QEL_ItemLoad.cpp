@@ -25,10 +25,7 @@ RetError QEL_ItemLoad::Item_pickInfo(const QString& info, QString& out)
 {
     // A login text from the application is built on a builder of its own, so
     // the agent's own login request stays as it is.
-    CHttp_Load builder;
-    builder.repaceBuff(info);
-    out = builder.getHttp();
-    return RET_OK;
+    return pickInfoOnOwnBuilder<CHttp_Load>(info, out);
 }
 
 RetError QEL_ItemLoad::Item_NetRecvOperate(const QString& body)
