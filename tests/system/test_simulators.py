@@ -86,7 +86,7 @@ class ServerSimTest(qeltest.AgentTestCase):
         self.assertEqual(len({r["conn"] for r in reqs}), 1)
         self.assertEqual(reqs[0]["body"], '{"k":"值"}')
         self.assertEqual(srv.requests(path="/vmu/device/heartbeat")[0]["method"], "GET")
-        with open(self.path("server-requests.jsonl"), encoding="utf-8") as f:
+        with open(self.path("server-requests-1.jsonl"), encoding="utf-8") as f:
             lines = [json.loads(line) for line in f]
         self.assertEqual([r["path"] for r in lines if r["event"] == "request"],
                          [c[0] for c in cases])
