@@ -11,7 +11,7 @@ import time
 import unittest
 
 import qeltest
-from qeltest import (BANNER, DEFAULT_KEYS, DEFAULT_TREE, KEYS, STATUS_INCOMPLETE,
+from qeltest import (BANNER, DEFAULT_KEYS, DEFAULT_TREE, STATUS_INCOMPLETE,
                      STATUS_OPEN_ERROR, STATUS_SUCCESS, AgentTestCase)
 
 GLOG_LINE = r"^I\d{8} [\d:.]+ +\d+ %s:\d+\] %s$"
