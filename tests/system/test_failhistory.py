@@ -2,6 +2,7 @@
 read back once (DISTINCT) at the next start, and the table emptied."""
 
 import sqlite3
+import time
 import unittest
 
 from qeltest import read_failhistory
@@ -48,6 +49,9 @@ class FailHistory(RuntimeCase):
     def test_given_up_request_survives_kill_and_restart(self):
         srv, app, ag = self.start_all()
         srv.set_reply(None, path=STATS)         # this endpoint never answers
+        # Sent a few seconds after start, the request is given up (after 2 x 30 s)
+        # well clear of the 30 s rewrite, which would drop it from the table again.
+        time.sleep(5)
         app.send(7, '{"lost":1}')
         # sent, 30 s without an answer, sent again, 30 s more, then given up
         ag.wait_log(r"error:12\(tims out range to send by 7\)", timeout=75)

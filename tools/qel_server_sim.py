@@ -1,0 +1,854 @@
+#!/usr/bin/env python3
+"""Central-server simulator for the qel_net agent.
+
+Listens on 127.0.0.1 on an information port and a file port, reads the
+agent's HTTP/1.1 requests (request line, headers, Content-Length body; many
+requests per connection) and answers each with a one-line JSON body that
+echoes the request's "SessionId" header. Behaviour can be switched at run
+time (down, refusing, silent, slow, closing, garbage, oversize, code N,
+blackhole), and every request is recorded.
+
+Usable as a program (see --help and tools/README.md) or in-process:
+
+    from qel_server_sim import ServerSim
+    with ServerSim(info_port=0, file_port=0) as srv:
+        ...                      # point the agent at srv.info_port/file_port
+        srv.wait_request(path="/vmu/device/login")
+        srv.silent()
+        srv.set_reply({"msg": "ok"}, path="/vmu/device/heartbeat")
+
+Standard library only.
+"""
+
+import argparse
+import errno
+import hashlib
+import json
+import os
+import select
+import signal
+import socket
+import struct
+import sys
+import threading
+import time
+
+LOOPBACK = "127.0.0.1"
+
+LOGIN_PATH = "/vmu/device/login"
+HEARTBEAT_PATH = "/vmu/device/heartbeat"
+PRODUCT_INFO_PATH = "/vmu/device/initial"
+REMINDER_PATH = "/vmu/device/reminder"
+
+# Scripted answers per endpoint path (query ignored); anything else gets
+# FALLBACK_REPLY.
+DEFAULT_REPLIES = {
+    LOGIN_PATH: {"code": 0},
+    HEARTBEAT_PATH: {"msg": "OK"},
+    PRODUCT_INFO_PATH: {"code": 0, "data": {"product": "SIM-PCB-01", "batch": "B20240101",
+                                            "program": "sim_program", "remark": "模拟产品"}},
+    REMINDER_PATH: {"code": 0, "data": {"id": 1, "title": "sim reminder",
+                                        "content": "清洁镜头", "time": "2024-01-01 08:00:00"}},
+}
+FALLBACK_REPLY = {"code": 0}
+
+# No "HTTP" anywhere in these bytes, no NUL, no CR LF before the JSON-looking tail.
+DEFAULT_GARBAGE = b"\x16\x03\x01 garbage, not an answer \xfe\xff{\"code\":0}"
+DEFAULT_OVERSIZE = 5000
+
+MODES = ("normal", "down", "refusing", "silent", "slow", "closing", "garbage",
+         "oversize", "code", "blackhole")
+PORT_NAMES = ("info", "file")
+
+_MAX_HEAD = 1 << 20
+
+
+def _json_text(obj):
+    return json.dumps(obj, ensure_ascii=False, separators=(",", ":"))
+
+
+def http_reply(body, session=None):
+    """One complete reply: status line, headers, one-line body."""
+    if isinstance(body, (dict, list)):
+        body = _json_text(body)
+    data = body.encode("utf-8")
+    head = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n"
+    if session is not None:
+        head += "SessionId: %s\r\n" % session
+    head += "Content-Length: %d\r\n\r\n" % len(data)
+    return head.encode("utf-8") + data
+
+
+def header_value(headers, name):
+    """Last value of header `name` (case-insensitive) in a [name, value] list."""
+    found = None
+    for n, v in headers:
+        if n.lower() == name.lower():
+            found = v
+    return found
+
+
+def parse_head(head):
+    """Split a request head (bytes, without the empty line) into its parts."""
+    text = head.decode("utf-8", "replace")
+    lines = [ln[:-1] if ln.endswith("\r") else ln for ln in text.split("\n")]
+    parts = lines[0].split(" ")
+    if len(parts) == 3:
+        method, target, version = parts
+    else:
+        method, target, version = None, None, None
+    headers = []
+    for line in lines[1:]:
+        if not line:
+            continue
+        name, _, value = line.partition(":")
+        headers.append([name.strip(), value.strip()])
+    return text, method, target, version, headers
+
+
+def _session_number(value):
+    try:
+        return int(value.strip())
+    except (AttributeError, ValueError):
+        return None
+
+
+def _path_only(target):
+    return target.split("?", 1)[0] if target else target
+
+
+def path_matches(req, path):
+    return path is None or req.get("path") == path or _path_only(req.get("path")) == path
+
+
+class _Port:
+    """One listening port with its own behaviour and connections."""
+
+    def __init__(self, name, port):
+        self.name = name
+        self.port = port
+        self.mode = "normal"
+        self.arg = None
+        self.listener = None
+        self.blackhole = False
+        self.fillers = []
+        self.conns = {}      # connection id -> socket
+
+
+class ServerSim:
+    """The central server as the agent sees it (see module docstring)."""
+
+    def __init__(self, info_port=0, file_port=0, record=None, mode="normal", arg=None,
+                 heartbeat_msg=None, login_code=None, on_event=None, save_bodies=None):
+        self._lock = threading.RLock()
+        self._cond = threading.Condition(self._lock)
+        self._ports = {"info": _Port("info", info_port), "file": _Port("file", file_port)}
+        self._records = []
+        self._events = []
+        self._rules = []
+        self._conn_seq = 0
+        self._body_seq = 0
+        self._stopping = False
+        self._threads = []
+        self._record_path = record
+        self._record_file = None
+        self._on_event = on_event
+        self._save_bodies = save_bodies
+        self._initial_mode = (mode, arg)
+        if heartbeat_msg is not None:
+            self.set_reply({"msg": heartbeat_msg}, path=HEARTBEAT_PATH)
+        if login_code is not None:
+            self.set_reply({"code": login_code}, path=LOGIN_PATH)
+
+    # ---- life cycle -------------------------------------------------------
+
+    def start(self):
+        if self._record_path:
+            self._record_file = open(self._record_path, "w", encoding="utf-8")
+        if self._save_bodies:
+            os.makedirs(self._save_bodies, exist_ok=True)
+        for p in self._ports.values():
+            self._open(p)
+        mode, arg = self._initial_mode
+        if mode != "normal" or arg is not None:
+            self.set_mode(mode, arg)
+        return self
+
+    def stop(self):
+        with self._lock:
+            self._stopping = True
+            for p in self._ports.values():
+                self._close_listener(p)
+                self._drop_connections(p)
+        for t in list(self._threads):
+            t.join(timeout=2)
+        with self._lock:
+            if self._record_file:
+                self._record_file.close()
+                self._record_file = None
+
+    def __enter__(self):
+        return self.start()
+
+    def __exit__(self, *exc):
+        self.stop()
+
+    @property
+    def info_port(self):
+        return self._ports["info"].port
+
+    @property
+    def file_port(self):
+        return self._ports["file"].port
+
+    def port_of(self, name):
+        return self._ports[name].port
+
+    # ---- behaviours -------------------------------------------------------
+
+    def set_mode(self, mode, arg=None, port=None):
+        """Switch behaviour; `port` is "info", "file" or None for both.
+
+        normal     answer every request
+        down       close listener and connections; connects are refused
+                   (arg "reset": connections are reset instead of closed)
+        refusing   accept, then close at once (current connections closed too)
+        silent     read and record requests, never answer
+        slow       answer after `arg` milliseconds
+        closing    answer, then close the connection
+        garbage    answer with non-HTTP bytes (`arg`: bytes or text to send)
+        oversize   answer with a body of more than `arg` bytes (default 5000)
+        code       answer every request with {"code": arg}
+        blackhole  a listener that never accepts, its queue pre-filled, so new
+                   connects hang (dropped SYN); open connections turn silent
+        """
+        if mode == "up":
+            mode = "normal"
+        if mode not in MODES:
+            raise ValueError("unknown mode %r" % (mode,))
+        if mode == "slow":
+            arg = int(arg if arg is not None else 1000)
+        elif mode == "code":
+            arg = int(arg if arg is not None else 1)
+        elif mode == "oversize":
+            arg = int(arg if arg is not None else DEFAULT_OVERSIZE)
+        elif mode == "garbage" and arg is not None and isinstance(arg, str):
+            arg = arg.encode("utf-8")
+        names = PORT_NAMES if port is None else (port,)
+        with self._lock:
+            for name in names:
+                p = self._ports[name]
+                p.mode, p.arg = mode, arg
+                if mode == "down":
+                    self._close_listener(p)
+                    self._drop_connections(p, reset=(arg == "reset"))
+                elif mode == "blackhole":
+                    self._close_listener(p)
+                    self._open_blackhole(p)
+                else:
+                    if p.listener is None or p.blackhole:
+                        self._close_listener(p)
+                        self._open(p)
+                    if mode == "refusing":
+                        self._drop_connections(p)
+            self._event({"event": "mode", "mode": mode, "arg": _printable(arg), "port_name": port})
+
+    def normal(self, port=None):
+        self.set_mode("normal", port=port)
+
+    def up(self, port=None):
+        self.set_mode("normal", port=port)
+
+    def down(self, port=None, reset=False):
+        self.set_mode("down", "reset" if reset else None, port=port)
+
+    def refusing(self, port=None):
+        self.set_mode("refusing", port=port)
+
+    def silent(self, port=None):
+        self.set_mode("silent", port=port)
+
+    def slow(self, ms, port=None):
+        self.set_mode("slow", ms, port=port)
+
+    def closing(self, port=None):
+        self.set_mode("closing", port=port)
+
+    def garbage(self, data=None, port=None):
+        self.set_mode("garbage", data, port=port)
+
+    def oversize(self, size=DEFAULT_OVERSIZE, port=None):
+        self.set_mode("oversize", size, port=port)
+
+    def code(self, n, port=None):
+        self.set_mode("code", n, port=port)
+
+    def blackhole(self, port=None):
+        self.set_mode("blackhole", port=port)
+
+    def mode(self, port="info"):
+        p = self._ports[port]
+        return p.mode, p.arg
+
+    def set_reply(self, reply, path=None, session=None, times=None, reply_session=None):
+        """Override the answer for matching requests (newest rule wins).
+
+        reply: dict/list (sent as one-line JSON), str (sent as the body),
+        bytes (sent raw instead of a whole reply), or a callable taking the
+        request record and returning one of these, or None for no answer.
+        path matches with or without the query; session is the SessionId
+        number; times limits how often the rule applies; reply_session puts
+        another SessionId into the answer than the request's.
+        """
+        with self._lock:
+            self._rules.append({"path": path, "session": session, "reply": reply,
+                                "times": times, "reply_session": reply_session})
+
+    def clear_replies(self):
+        with self._lock:
+            self._rules = []
+
+    def close_connections(self, port=None, reset=False):
+        """Drop the current connections without changing the behaviour."""
+        with self._lock:
+            for name in PORT_NAMES if port is None else (port,):
+                self._drop_connections(self._ports[name], reset=reset)
+
+    def open_connections(self, port=None):
+        with self._lock:
+            return sum(len(self._ports[n].conns) for n in (PORT_NAMES if port is None else (port,)))
+
+    # ---- records ----------------------------------------------------------
+
+    def requests(self, path=None, session=None, port=None):
+        with self._lock:
+            return [r for r in self._records if _req_matches(r, path, session, port)]
+
+    def wait_request(self, predicate=None, path=None, session=None, port=None, timeout=10, count=1):
+        """Wait until `count` requests match; returns them (all matches)."""
+        deadline = time.monotonic() + timeout
+        with self._cond:
+            while True:
+                found = [r for r in self._records if _req_matches(r, path, session, port)
+                         and (predicate is None or predicate(r))]
+                if len(found) >= count:
+                    return found
+                left = deadline - time.monotonic()
+                if left <= 0:
+                    seen = ["%s %s SessionId=%s" % (r["method"], r["path"], r["session"])
+                            for r in self._records[-10:]]
+                    raise AssertionError(
+                        "server sim: %d of %d wanted requests (path=%r session=%r port=%r) "
+                        "after %.1fs; last requests: %s" % (len(found), count, path, session, port,
+                                                           timeout, seen or "none"))
+                self._cond.wait(min(left, 0.5))
+
+    def connections(self, port=None):
+        """Connection events (accepted connections) so far."""
+        with self._lock:
+            return [e for e in self._events if e["event"] == "connect"
+                    and (port is None or e["port_name"] == port)]
+
+    def wait_connection(self, port=None, timeout=10, count=1):
+        deadline = time.monotonic() + timeout
+        with self._cond:
+            while True:
+                found = self.connections(port)
+                if len(found) >= count:
+                    return found
+                left = deadline - time.monotonic()
+                if left <= 0:
+                    raise AssertionError("server sim: %d of %d connections on %s after %.1fs"
+                                         % (len(found), count, port or "any port", timeout))
+                self._cond.wait(min(left, 0.5))
+
+    def events(self):
+        with self._lock:
+            return list(self._events)
+
+    # ---- text commands (control channel) -----------------------------------
+
+    def command(self, line):
+        """Apply one control command; returns "ok ..." or "error: ..."."""
+        words = line.strip().split(None, 1)
+        if not words:
+            return "error: empty command"
+        try:
+            port = None
+            if words[0] in PORT_NAMES and len(words) > 1:
+                port = words[0]
+                words = words[1].split(None, 1)
+            cmd, rest = words[0].lower(), (words[1] if len(words) > 1 else "")
+            if cmd in MODES or cmd == "up":
+                arg = rest.strip() or None
+                if cmd == "garbage" and arg is not None:
+                    arg = _unescape(arg)
+                self.set_mode(cmd, arg, port=port)
+                return "ok " + self.status()
+            if cmd == "status":
+                return "ok " + self.status()
+            if cmd in ("reply", "reply-once"):
+                path, body = rest.split(None, 1)
+                self.set_reply(_reply_arg(body), path=None if path == "*" else path,
+                               times=1 if cmd == "reply-once" else None)
+                return "ok"
+            if cmd == "reply-session":
+                session, body = rest.split(None, 1)
+                self.set_reply(_reply_arg(body), session=int(session))
+                return "ok"
+            if cmd == "replies-clear":
+                self.clear_replies()
+                return "ok"
+            if cmd == "drop":
+                self.close_connections(port=port, reset=(rest.strip() == "reset"))
+                return "ok"
+            if cmd == "requests":
+                return "ok %d" % len(self.requests(port=port))
+            return "error: unknown command %r" % cmd
+        except (ValueError, KeyError) as e:
+            return "error: %s" % e
+
+    def status(self):
+        with self._lock:
+            parts = []
+            for p in self._ports.values():
+                mode = p.mode + ("" if p.arg is None else " " + str(_printable(p.arg)))
+                parts.append("%s:%d %s conns=%d" % (p.name, p.port, mode, len(p.conns)))
+            parts.append("requests=%d" % len(self._records))
+            return " | ".join(parts)
+
+    # ---- internals ----------------------------------------------------------
+
+    def _event(self, ev):
+        ev.setdefault("time", time.time())
+        with self._cond:
+            if ev["event"] == "request":
+                self._records.append(ev)
+            else:
+                self._events.append(ev)
+            if self._record_file:
+                line = {k: v for k, v in ev.items() if k != "body_bytes"}
+                if isinstance(line.get("body"), str) and len(line["body"]) > 65536:
+                    line["body"] = line["body"][:65536]
+                    line["body_truncated"] = True
+                self._record_file.write(json.dumps(line, ensure_ascii=False) + "\n")
+                self._record_file.flush()
+            self._cond.notify_all()
+        if self._on_event:
+            try:
+                self._on_event(ev)
+            except Exception as e:  # printing must never stop the server
+                sys.stderr.write("qel_server_sim: printer failed: %s\n" % e)
+
+    def _new_listener(self, p, backlog):
+        s = _bind_listener(p.port, backlog)
+        p.port = s.getsockname()[1]
+        return s
+
+    def _open(self, p):
+        s = self._new_listener(p, 64)
+        p.listener, p.blackhole = s, False
+        t = threading.Thread(target=self._accept_loop, args=(p, s), daemon=True,
+                             name="srv-accept-%s" % p.name)
+        self._threads.append(t)
+        t.start()
+
+    def _open_blackhole(self, p):
+        # listen(0) admits one connection into the accept queue; nobody ever
+        # accepts it, so once it is full every further SYN is dropped and the
+        # client's connect hangs until its own time-out.
+        s = self._new_listener(p, 0)
+        p.listener, p.blackhole = s, True
+        for _ in range(8):
+            c = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+            c.settimeout(0.2)
+            try:
+                c.connect((LOOPBACK, p.port))
+            except OSError:
+                c.close()
+                break
+            p.fillers.append(c)
+
+    def _close_listener(self, p):
+        s, p.listener, p.blackhole = p.listener, None, False
+        if s is not None:
+            _close_listening(s)
+        for c in p.fillers:
+            c.close()
+        p.fillers = []
+
+    def _drop_connections(self, p, reset=False):
+        for conn in list(p.conns.values()):
+            try:
+                if reset:
+                    conn.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+                conn.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass
+
+    def _accept_loop(self, p, listener):
+        while True:
+            with self._lock:
+                if self._stopping or p.listener is not listener:
+                    return
+            try:
+                ready, _, _ = select.select([listener], [], [], 0.1)
+            except (OSError, ValueError):
+                return
+            if not ready:
+                continue
+            with self._lock:
+                if p.listener is not listener:
+                    return
+                try:
+                    conn, peer = listener.accept()
+                except OSError:
+                    continue
+                self._conn_seq += 1
+                cid = self._conn_seq
+                peer_text = "%s:%d" % peer
+                if p.mode == "refusing":
+                    conn.close()
+                    self._event({"event": "refused", "port": p.port, "port_name": p.name,
+                                 "peer": peer_text, "conn": cid})
+                    continue
+                conn.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+                p.conns[cid] = conn
+                t = threading.Thread(target=self._serve, args=(p, conn, peer_text, cid),
+                                     daemon=True, name="srv-conn-%d" % cid)
+                self._threads.append(t)
+            self._event({"event": "connect", "port": p.port, "port_name": p.name,
+                         "peer": peer_text, "conn": cid})
+            t.start()
+
+    def _serve(self, p, conn, peer, cid):
+        buf = b""
+        closed_by = "peer"
+        try:
+            while True:
+                try:
+                    ready, _, _ = select.select([conn], [], [], 0.2)
+                except (OSError, ValueError):
+                    break
+                if self._stopping:
+                    closed_by = "server"
+                    break
+                if not ready:
+                    continue
+                try:
+                    data = conn.recv(65536)
+                except OSError:
+                    break
+                if not data:
+                    break
+                buf += data
+                keep = True
+                while keep:
+                    req, buf = self._take_request(buf, p, peer, cid)
+                    if req is None:
+                        break
+                    keep = self._answer(p, conn, req)
+                if not keep:
+                    closed_by = "server"
+                    break
+        finally:
+            with self._lock:
+                p.conns.pop(cid, None)
+            try:
+                conn.close()
+            except OSError:
+                pass
+            self._event({"event": "close", "port": p.port, "port_name": p.name,
+                         "peer": peer, "conn": cid, "by": closed_by})
+
+    def _take_request(self, buf, p, peer, cid):
+        end = buf.find(b"\r\n\r\n")
+        if end < 0:
+            if len(buf) > _MAX_HEAD:   # no head in sight: record and drop it
+                return self._make_record(buf, b"", p, peer, cid), b""
+            return None, buf
+        head = buf[:end]
+        _, _, _, _, headers = parse_head(head)
+        try:
+            length = max(0, int(header_value(headers, "Content-Length") or 0))
+        except ValueError:
+            length = 0
+        start = end + 4
+        if len(buf) - start < length:
+            return None, buf
+        return self._make_record(head, buf[start:start + length], p, peer, cid), buf[start + length:]
+
+    def _make_record(self, head, body, p, peer, cid):
+        text, method, target, version, headers = parse_head(head)
+        sid = header_value(headers, "SessionId")
+        return {
+            "event": "request", "time": time.time(), "port": p.port, "port_name": p.name,
+            "peer": peer, "conn": cid, "method": method, "path": target, "version": version,
+            "headers": headers, "head": text + "\r\n\r\n", "session_header": sid,
+            "session": _session_number(sid), "body": body.decode("utf-8", "replace"),
+            "body_len": len(body), "body_sha256": hashlib.sha256(body).hexdigest(),
+            "body_bytes": body,
+        }
+
+    def _reply_for(self, p, req):
+        """(bytes to send or None, printable form) for one request."""
+        with self._lock:
+            mode, arg = p.mode, p.arg
+            if mode in ("silent", "blackhole"):
+                return None, None
+            if mode == "garbage":
+                data = arg if arg is not None else DEFAULT_GARBAGE
+                return data, _printable(data)
+            session = req["session_header"]
+            if mode == "code":
+                body = _json_text({"code": arg})
+                return http_reply(body, session), body
+            reply, reply_session = self._rule_reply(req)
+        if callable(reply):
+            reply = reply(req)
+        if reply is None:
+            return None, None
+        if reply_session is not None:
+            session = str(reply_session)
+        if isinstance(reply, (bytes, bytearray)):
+            return bytes(reply), _printable(bytes(reply))
+        if mode == "oversize":
+            obj = dict(reply) if isinstance(reply, dict) else dict(FALLBACK_REPLY)
+            obj["pad"] = "x" * arg
+            reply = obj
+        body = reply if isinstance(reply, str) else _json_text(reply)
+        return http_reply(body, session), body
+
+    def _rule_reply(self, req):
+        for rule in reversed(self._rules):
+            if not path_matches(req, rule["path"]):
+                continue
+            if rule["session"] is not None and req["session"] != rule["session"]:
+                continue
+            if rule["times"] is not None:
+                rule["times"] -= 1
+                if rule["times"] <= 0:
+                    self._rules.remove(rule)
+            return rule["reply"], rule["reply_session"]
+        return DEFAULT_REPLIES.get(_path_only(req["path"]), FALLBACK_REPLY), None
+
+    def _answer(self, p, conn, req):
+        """Record and answer one request; False when the connection must end."""
+        mode, arg = p.mode, p.arg
+        data, shown = self._reply_for(p, req)
+        req["mode"] = mode
+        req["reply"] = shown
+        if self._save_bodies and req["body_len"]:
+            with self._lock:
+                self._body_seq += 1
+                name = os.path.join(self._save_bodies, "%06d.body" % self._body_seq)
+            with open(name, "wb") as f:
+                f.write(req["body_bytes"])
+            req["body_file"] = name
+        self._event(req)
+        if data is None:
+            return True
+        if mode == "slow":
+            deadline = time.monotonic() + arg / 1000.0
+            while time.monotonic() < deadline:
+                if self._stopping or conn.fileno() < 0:
+                    return False
+                time.sleep(min(0.05, max(0.0, deadline - time.monotonic())))
+        try:
+            conn.sendall(data)   # one write: the agent reads one reply per read
+        except OSError:
+            return False
+        if mode == "closing":
+            try:
+                conn.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass
+            return False
+        return True
+
+
+def _bind_listener(port, backlog):
+    """A listening socket on 127.0.0.1:port (0: any free port)."""
+    deadline = time.monotonic() + 2.0
+    while True:
+        s = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        try:
+            s.bind((LOOPBACK, port))
+            s.listen(backlog)
+            return s
+        except OSError as e:
+            s.close()
+            # a listener closed a moment ago may linger briefly
+            if e.errno != errno.EADDRINUSE or port == 0 or time.monotonic() >= deadline:
+                raise
+            time.sleep(0.05)
+
+
+def _close_listening(s):
+    # shutdown() stops a listening socket at once, even while another thread
+    # still polls it; close() alone would leave it listening until then.
+    try:
+        s.shutdown(socket.SHUT_RDWR)
+    except OSError:
+        pass
+    try:
+        s.close()
+    except OSError:
+        pass
+
+
+def _req_matches(r, path, session, port):
+    return (path_matches(r, path) and (session is None or r["session"] == session)
+            and (port is None or r["port_name"] == port))
+
+
+def _printable(v):
+    if isinstance(v, (bytes, bytearray)):
+        return bytes(v).decode("utf-8", "backslashreplace")
+    return v
+
+
+def _unescape(text):
+    return text.encode("utf-8").decode("unicode_escape").encode("latin-1")
+
+
+def _reply_arg(text):
+    text = text.strip()
+    try:
+        return json.loads(text)
+    except ValueError:
+        return text
+
+
+# ---- command line ---------------------------------------------------------
+
+def _format_event(ev):
+    stamp = time.strftime("%H:%M:%S", time.localtime(ev["time"])) + ".%03d" % (ev["time"] % 1 * 1000)
+    kind = ev["event"]
+    if kind == "request":
+        body = ev["body"] if len(ev["body"]) <= 200 else ev["body"][:200] + "...(%d bytes)" % ev["body_len"]
+        reply = "(no answer)" if ev["reply"] is None else ev["reply"]
+        return "%s %s #%d %s %s SessionId=%s body=%s -> %s" % (
+            stamp, ev["port_name"], ev["conn"], ev["method"], ev["path"], ev["session_header"],
+            json.dumps(body, ensure_ascii=False), reply)
+    if kind == "mode":
+        return "%s mode %s%s%s" % (stamp, ev["mode"], "" if ev["arg"] is None else " %s" % ev["arg"],
+                                  "" if ev["port_name"] is None else " (%s only)" % ev["port_name"])
+    return "%s %s #%d %s %s" % (stamp, ev["port_name"], ev["conn"], kind, ev["peer"])
+
+
+def _control_loop(sim, port, ready):
+    srv = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+    srv.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    srv.bind((LOOPBACK, port))
+    srv.listen(8)
+    ready.append(srv.getsockname()[1])
+    while True:
+        conn, _ = srv.accept()
+        threading.Thread(target=_control_client, args=(sim, conn), daemon=True).start()
+
+
+def _control_client(sim, conn):
+    with conn, conn.makefile("rw", encoding="utf-8", newline="\n") as f:
+        for line in f:
+            if line.strip() == "quit":
+                f.write("ok bye\n")
+                f.flush()
+                os.kill(os.getpid(), signal.SIGTERM)
+                return
+            f.write(sim.command(line) + "\n")
+            f.flush()
+
+
+def _stdin_loop(sim):
+    for line in sys.stdin:
+        if line.strip() == "quit":
+            os.kill(os.getpid(), signal.SIGTERM)
+            return
+        if line.strip():
+            print(sim.command(line), flush=True)
+
+
+def _ctl(port, words):
+    with socket.create_connection((LOOPBACK, port), timeout=5) as s:
+        s.sendall((" ".join(words) + "\n").encode("utf-8"))
+        reply = s.makefile("r", encoding="utf-8").readline().strip()
+    print(reply)
+    return 0 if reply.startswith("ok") else 1
+
+
+def main(argv=None):
+    ap = argparse.ArgumentParser(description="Central-server simulator for the qel_net agent "
+                                 "(binds 127.0.0.1 only).")
+    ap.add_argument("--info-port", type=int, default=8000, help="information port (0: any free)")
+    ap.add_argument("--file-port", type=int, default=8080, help="file port (0: any free)")
+    ap.add_argument("--bind", default=LOOPBACK, help="must be 127.0.0.1")
+    ap.add_argument("--record", help="write every request and connection event here (JSON lines)")
+    ap.add_argument("--save-bodies", metavar="DIR", help="also store each request body as a file")
+    ap.add_argument("--mode", default="normal", help='initial behaviour, e.g. "silent", "slow 500"')
+    ap.add_argument("--heartbeat-msg", help='heartbeat answer {"msg": TEXT} (default OK)')
+    ap.add_argument("--login-code", type=int, help='login answer {"code": N} (default 0)')
+    ap.add_argument("--reply", action="append", default=[], metavar="PATH=JSON",
+                    help="answer requests to PATH with this body (repeatable)")
+    ap.add_argument("--control-port", type=int, help="accept one-line commands on 127.0.0.1:PORT")
+    ap.add_argument("--stdin", action="store_true", help="also read commands from standard input")
+    ap.add_argument("--duration", type=float, help="stop after this many seconds")
+    ap.add_argument("--quiet", action="store_true", help="do not print requests")
+    ap.add_argument("--ctl", type=int, metavar="PORT",
+                    help="send the remaining words as one command to a running simulator and exit")
+    ap.add_argument("words", nargs="*", help=argparse.SUPPRESS)
+    a = ap.parse_args(argv)
+
+    if a.ctl is not None:
+        return _ctl(a.ctl, a.words)
+    if a.words:
+        ap.error("unexpected arguments: %s" % " ".join(a.words))
+    if a.bind not in (LOOPBACK, "localhost"):
+        ap.error("refusing to bind %s: the simulator serves 127.0.0.1 only" % a.bind)
+    mode_words = a.mode.split(None, 1)
+    if mode_words[0] not in MODES and mode_words[0] != "up":
+        ap.error("unknown mode %r (one of %s)" % (mode_words[0], ", ".join(MODES)))
+
+    printer = None if a.quiet else (lambda ev: print(_format_event(ev), flush=True))
+    sim = ServerSim(a.info_port, a.file_port, record=a.record, heartbeat_msg=a.heartbeat_msg,
+                    login_code=a.login_code, on_event=printer, save_bodies=a.save_bodies)
+    for spec in a.reply:
+        path, sep, body = spec.partition("=")
+        if not sep:
+            ap.error("--reply wants PATH=JSON, got %r" % spec)
+        sim.set_reply(_reply_arg(body), path=None if path == "*" else path)
+    try:
+        sim.start()
+    except OSError as e:
+        print("qel_server_sim: cannot listen: %s" % e, file=sys.stderr)
+        return 1
+    if a.mode != "normal":
+        reply = sim.command(a.mode)
+        if not reply.startswith("ok"):
+            print("qel_server_sim: %s" % reply, file=sys.stderr)
+            sim.stop()
+            return 2
+
+    control = []
+    if a.control_port is not None:
+        threading.Thread(target=_control_loop, args=(sim, a.control_port, control), daemon=True).start()
+        deadline = time.monotonic() + 5
+        while not control and time.monotonic() < deadline:
+            time.sleep(0.01)
+    print("qel_server_sim: info %s:%d file %s:%d%s" % (
+        LOOPBACK, sim.info_port, LOOPBACK, sim.file_port,
+        " control %s:%d" % (LOOPBACK, control[0]) if control else ""), flush=True)
+    if a.stdin:
+        threading.Thread(target=_stdin_loop, args=(sim,), daemon=True).start()
+
+    done = threading.Event()
+    for sig in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(sig, lambda *_: done.set())
+    done.wait(a.duration)
+    sim.stop()
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
