@@ -813,10 +813,10 @@ def main(argv=None):
     printer = None if a.quiet else (lambda ev: print(_format_event(ev), flush=True))
     sim = ServerSim(a.info_port, a.file_port, record=a.record, heartbeat_msg=a.heartbeat_msg,
                     login_code=a.login_code, on_event=printer, save_bodies=a.save_bodies)
-    for spec in a.reply:
-        path, sep, body = spec.partition("=")
+    for reply_arg in a.reply:
+        path, sep, body = reply_arg.partition("=")
         if not sep:
-            ap.error("--reply wants PATH=JSON, got %r" % spec)
+            ap.error("--reply wants PATH=JSON, got %r" % reply_arg)
         sim.set_reply(_reply_arg(body), path=None if path == "*" else path)
     try:
         sim.start()

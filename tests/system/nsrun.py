@@ -135,10 +135,10 @@ def load_tests(path):
     path = os.path.abspath(path)
     sys.path.insert(0, os.path.dirname(path))
     name = os.path.splitext(os.path.basename(path))[0]
-    spec = importlib.util.spec_from_file_location(name, path)
-    module = importlib.util.module_from_spec(spec)
+    module_spec = importlib.util.spec_from_file_location(name, path)
+    module = importlib.util.module_from_spec(module_spec)
     sys.modules[name] = module
-    spec.loader.exec_module(module)
+    module_spec.loader.exec_module(module)
     return module
 
 
