@@ -34,6 +34,18 @@ class Faults(RuntimeCase):
         self.assertEqual(firsts, bodies)          # in the order they were sent
         self.assert_clean()
 
+    def test_server_closing_after_every_answer(self):
+        srv, app, ag = self.start_all()
+        srv.closing()
+        bodies = ['{"close":%d}' % i for i in range(10)]
+        for body in bodies:
+            app.send(7, body)
+        got = srv.wait_request(path=STATS, count=len(bodies), timeout=30)
+        self.assertEqual([r["body"] for r in got][:len(bodies)], bodies)
+        # each answer closed the connection: the agent reconnected for the next request
+        self.assertGreaterEqual(ag.log_text().count("socket:(the socket INFO connected)"), len(bodies))
+        self.assert_clean()
+
     def test_garbage_and_oversize_answers(self):
         srv, app, ag = self.start_all()
         srv.oversize(5000)
