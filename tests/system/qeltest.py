@@ -1,17 +1,6 @@
-"""Harness for the agent's system tests.
-
-Tests run the real qel_net binary inside the private namespaces set up by
-nsrun.py (loopback only, tmpfs over /root/bin-AOI). Agent.start() refuses to
-run anywhere else.
-
-    class MyTest(qeltest.AgentTestCase):
-        def test_x(self):
-            srv = self.server_sim()
-            db = qeltest.make_db(self.path("sysconf.db"), self.work,
-                                 info_port=srv.info_port, file_port=srv.file_port)
-            agent = self.agent(db=db).start()
-            agent.wait_log(r"config success")
-"""
+"""Harness for the agent's system tests: the real qel_net binary runs inside the
+private namespaces of nsrun.py (loopback only, tmpfs over /root/bin-AOI), and
+Agent.start() refuses to run anywhere else."""
 
 import ctypes
 import fcntl
@@ -27,11 +16,12 @@ import sys
 import tempfile
 import time
 import unittest
+from contextlib import closing
 
 SRC = os.environ.get("QEL_SOURCE_DIR") or os.path.dirname(os.path.dirname(
     os.path.dirname(os.path.abspath(__file__))))
-BUILD = os.environ.get("QEL_BINARY_DIR")
-BIN = os.environ.get("QEL_NET_BIN") or (os.path.join(BUILD, "qel_net") if BUILD else None)
+BIN = os.environ.get("QEL_NET_BIN") or (
+    os.path.join(os.environ["QEL_BINARY_DIR"], "qel_net") if os.environ.get("QEL_BINARY_DIR") else None)
 
 _TOOLS = os.path.join(SRC, "tools")
 if _TOOLS not in sys.path:
@@ -50,7 +40,6 @@ FALLBACK_LOG_DIR = "./qel_net/qel_log"
 
 SYSCONF_CREATE = ("CREATE TABLE info_sysconf(信息名称 CHAR(100) PRIMARY KEY NOT NULL,"
                   "值 CHAR(100) NOT NULL,描述 CHAR(100) NOT NULL)")
-FAILHISTORY_CREATE = "CREATE TABLE info_failhistory(发送时间 BIGINT NOT NULL,内容 TEXT NOT NULL)"
 
 # The configuration keys in load order: (key, default value, description).
 DEFAULT_KEYS = [
@@ -73,35 +62,21 @@ DEFAULT_KEYS = [
     ("apppath_send", "/root/bin-AOI/qel_net/Quillon2", "发送app所在的路径"),
     ("thispath", "/root/bin-AOI/qel_net/sysconf.db", "本db文件所在的绝对路径"),
 ]
-KEYS = [k for k, _, _ in DEFAULT_KEYS]
 
 # Qt's complaints about objects, timers and sockets touched from a thread
-# that does not own them. Each is a regular expression searched in stderr.
+# that does not own them, and sanitizer reports: regular expressions searched in stderr.
 QT_THREAD_WARNING_PATTERNS = [
     r"Cannot create children for a parent that is in a different thread",
     r"Cannot set parent, new parent is in a different thread",
     r"Cannot send events to objects owned by a different thread",
-    r"Timers cannot be started from another thread",
-    r"Timers cannot be stopped from another thread",
+    r"Timers cannot be started from another thread", r"Timers cannot be stopped from another thread",
     r"Timers can only be used with threads started with QThread",
-    r"QObject::startTimer",
-    r"QObject::killTimer",
-    r"QBasicTimer",
+    r"QObject::startTimer", r"QObject::killTimer", r"QBasicTimer",
     r"Socket notifiers cannot be enabled or disabled from another thread",
-    r"QSocketNotifier",
-    r"moveToThread",
-    r"Cannot queue arguments of type",
-    r"QThread: Destroyed while thread is still running",
-    r"QMutex: destroying locked mutex",
+    r"QSocketNotifier", r"moveToThread", r"Cannot queue arguments of type",
+    r"QThread: Destroyed while thread is still running", r"QMutex: destroying locked mutex",
 ]
-SANITIZER_PATTERNS = [
-    r"ERROR: AddressSanitizer",
-    r"runtime error:",
-    r"LeakSanitizer",
-    r"ThreadSanitizer",
-]
-
-_LOG_NAME_PID = re.compile(r"\.(\d+)log$")
+SANITIZER_PATTERNS = [r"ERROR: AddressSanitizer", r"runtime error:", r"LeakSanitizer", r"ThreadSanitizer"]
 
 
 def free_port():
@@ -111,110 +86,61 @@ def free_port():
         return s.getsockname()[1]
 
 
-def _under(workdir, default):
-    """A default path with /root/bin-AOI/ replaced by `workdir`."""
-    prefix = DEFAULT_TREE + "/"
-    return os.path.join(workdir, default[len(prefix):]) if default.startswith(prefix) else default
-
-
-def config_rows(workdir, info_port=None, file_port=None, video_port=8888):
-    """The 18 (key, value, description) rows make_db writes, before overrides."""
+def make_db(path, workdir, info_port=None, file_port=None, overrides=None):
+    """Write a configuration database with paths under `workdir` and servers at
+    127.0.0.1; return `path`. `overrides` maps a key to a new value, or to None
+    to leave that row out (unknown keys are added)."""
     workdir = os.path.abspath(workdir)
-    values = {
-        "serverip_info": "127.0.0.1", "serverip_file": "127.0.0.1", "serverip_video": "127.0.0.1",
-        "serverport_info": str(8000 if info_port is None else info_port),
-        "serverport_file": str(8080 if file_port is None else file_port),
-        "serverport_video": str(video_port),
-    }
-    rows = []
-    for key, default, desc in DEFAULT_KEYS:
-        value = values.get(key, _under(workdir, default))
-        if value == workdir:
-            value += "/"
-        rows.append((key, value, desc))
-    return rows
-
-
-def make_db(path, workdir, info_port=None, file_port=None, video_port=8888, overrides=None,
-            failhistory=None):
-    """Write a configuration database for a loopback run and return `path`.
-
-    Paths point under `workdir`, servers at 127.0.0.1. `overrides` maps a key
-    to a new value, or to None to leave that row out (unknown keys are added).
-    `failhistory` (texts or (ms, text) pairs) also creates that table.
-    """
+    values = {"serverport_info": str(8000 if info_port is None else info_port),
+              "serverport_file": str(8080 if file_port is None else file_port)}
     overrides = dict(overrides or {})
     rows = []
-    for key, value, desc in config_rows(workdir, info_port, file_port, video_port):
-        if key in overrides:
-            value = overrides.pop(key)
-            if value is None:
-                continue
-        rows.append((key, value, desc))
+    for key, default, desc in DEFAULT_KEYS:
+        if default == "192.168.1.1":
+            default = "127.0.0.1"
+        elif default.startswith(DEFAULT_TREE + "/"):
+            default = os.path.join(workdir, default[len(DEFAULT_TREE) + 1:])
+        value = overrides.pop(key, values.get(key, default))
+        if value is not None:
+            rows.append((key, value, desc))
     rows += [(k, v, "") for k, v in overrides.items() if v is not None]
-    if os.path.dirname(path):
-        os.makedirs(os.path.dirname(path), exist_ok=True)
+    os.makedirs(os.path.dirname(os.path.abspath(path)), exist_ok=True)
     if os.path.exists(path):
         os.remove(path)
-    con = sqlite3.connect(path)
-    try:
+    with closing(sqlite3.connect(path)) as con:
         con.execute(SYSCONF_CREATE)
         con.executemany("insert into info_sysconf (信息名称,值,描述) values (?, ?, ?)", rows)
-        if failhistory is not None:
-            con.execute(FAILHISTORY_CREATE)
-            now = int(time.time() * 1000)
-            con.executemany("insert into info_failhistory (发送时间,内容) values (?, ?)",
-                            [t if isinstance(t, tuple) else (now, t) for t in failhistory])
         con.commit()
-    finally:
-        con.close()
     return path
 
 
-def _connect_ro(db):
+def _query(db, sql):
+    """All rows of `sql` as tuples, read through a read-only connection."""
     if not os.path.exists(db):
         raise FileNotFoundError(db)
-    return sqlite3.connect("file:%s?mode=ro" % os.path.abspath(db), uri=True, timeout=5)
+    with closing(sqlite3.connect("file:%s?mode=ro" % os.path.abspath(db), uri=True, timeout=5)) as con:
+        return [tuple(r) for r in con.execute(sql)]
 
 
 def table_names(db):
-    con = _connect_ro(db)
-    try:
-        return sorted(r[0] for r in con.execute("select name from sqlite_master where type='table'"))
-    finally:
-        con.close()
+    return sorted(r[0] for r in _query(db, "select name from sqlite_master where type='table'"))
 
 
 def read_sysconf(db):
     """[(key, value, description)] in row order."""
-    con = _connect_ro(db)
-    try:
-        return [tuple(r) for r in con.execute(
-            "select 信息名称, 值, 描述 from info_sysconf order by rowid")]
-    finally:
-        con.close()
+    return _query(db, "select 信息名称, 值, 描述 from info_sysconf order by rowid")
 
 
 def read_failhistory(db):
     """[(ms, text)] in row order; [] when the table does not exist."""
-    con = _connect_ro(db)
-    try:
-        if not con.execute("select name from sqlite_master where name='info_failhistory'").fetchone():
-            return []
-        return [tuple(r) for r in con.execute(
-            "select 发送时间, 内容 from info_failhistory order by rowid")]
-    finally:
-        con.close()
+    if "info_failhistory" not in table_names(db):
+        return []
+    return _query(db, "select 发送时间, 内容 from info_failhistory order by rowid")
 
 
 def sysconf_value(db, key):
-    for k, v, _ in read_sysconf(db):
-        if k == key:
-            return v
-    return None
+    return next((v for k, v, _ in read_sysconf(db) if k == key), None)
 
-
-# ---- isolation ------------------------------------------------------------
 
 def isolation_problems():
     """Reasons why running the agent here would be unsafe ([] when safe)."""
@@ -228,50 +154,40 @@ def isolation_problems():
         pass
     try:
         with open("/proc/net/route") as f:
-            for line in f.readlines()[1:]:
-                fields = line.split()
-                if len(fields) > 2 and fields[1] == "00000000" and fields[7] == "00000000":
+            for fields in (line.split() for line in f.readlines()[1:]):
+                if len(fields) > 7 and fields[1] == "00000000" and fields[7] == "00000000":
                     problems.append("default route via %s" % fields[0])
     except OSError as e:
         problems.append("cannot read routes: %s" % e)
     try:
-        for name in _interfaces():
-            if name != "lo" and _interface_flags(name) & 0x1:    # IFF_UP
-                problems.append("interface %s is up" % name)
+        # /proc/net follows the network namespace; /sys/class/net need not.
+        with open("/proc/net/dev") as f:
+            names = [line.split(":", 1)[0].strip() for line in f.readlines()[2:] if ":" in line]
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
+            for name in names:
+                req = struct.pack("16sH", name.encode()[:15], 0)
+                flags = struct.unpack("16sH", fcntl.ioctl(s.fileno(), 0x8913, req)[:18])[1]  # SIOCGIFFLAGS
+                if name != "lo" and flags & 0x1:    # IFF_UP
+                    problems.append("interface %s is up" % name)
     except OSError as e:
         problems.append("cannot read interfaces: %s" % e)
     return problems
 
 
-def _interfaces():
-    # /proc/net follows the network namespace; /sys/class/net need not.
-    with open("/proc/net/dev") as f:
-        return [line.split(":", 1)[0].strip() for line in f.readlines()[2:] if ":" in line]
-
-
-def _interface_flags(name):
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
-        req = struct.pack("16sH", name.encode()[:15], 0)
-        return struct.unpack("16sH", fcntl.ioctl(s.fileno(), 0x8913, req)[:18])[1]  # SIOCGIFFLAGS
-
-
 def default_tree_is_private():
-    """True when /root/bin-AOI is the tmpfs that nsrun.py mounted."""
-    return not isolation_problems() and _fs_type(DEFAULT_TREE) == "tmpfs"
-
-
-def _fs_type(mount_point):
-    """File system type of the topmost mount at `mount_point`, or None."""
+    """True when /root/bin-AOI is the tmpfs that nsrun.py mounted (the topmost mount there)."""
+    if isolation_problems():
+        return False
     fs = None
     try:
         with open("/proc/self/mountinfo") as f:
             for line in f:
                 left, _, right = line.partition(" - ")
-                if left.split()[4] == mount_point:
+                if left.split()[4] == DEFAULT_TREE:
                     fs = right.split()[0]
     except (OSError, IndexError):
-        return None
-    return fs
+        return False
+    return fs == "tmpfs"
 
 
 def clear_default_tree():
@@ -286,57 +202,38 @@ def clear_default_tree():
             os.remove(p)
 
 
-try:
-    _prctl = ctypes.CDLL(None, use_errno=True).prctl
-except (OSError, AttributeError):
-    _prctl = None
+_prctl = getattr(ctypes.CDLL(None, use_errno=True), "prctl", None)
 
 
 def _die_with_parent():
-    # The agent goes down with the thread that started it, so a killed test
-    # run leaves no agent behind.
     if _prctl is not None:
-        _prctl(1, signal.SIGKILL)   # PR_SET_PDEATHSIG
+        _prctl(1, signal.SIGKILL)   # PR_SET_PDEATHSIG: a killed test run leaves no agent behind
 
 
 def _tail(text, lines=40):
     return "\n".join(text.splitlines()[-lines:])
 
 
-# ---- the agent ----------------------------------------------------------
-
 class Agent:
-    """One run of the agent binary with its own work directory.
-
-    args: command-line arguments (default: [db] when db is given, else none).
-    log_dir: where its glog files are expected; by default the "logpath" of
-    the database it uses, or ./qel_net/qel_log under workdir (failure path);
-    both are searched by log_text(), which reads only this run's files (the
-    pid in the file name). umask: for the agent process.
-    The agent is killed when the thread that started it ends (a killed test
-    run leaves no agent behind), so start agents from the test's own thread.
-    """
+    """One run of the agent binary in `workdir` (args default to [db]). Its glog
+    files are looked for in log_dir, else in the database's "logpath" and in
+    ./qel_net/qel_log. The agent dies with the thread that started it."""
 
     _count = 0
 
-    def __init__(self, workdir, args=None, db=None, env=None, log_dir=None, umask=None, binary=None):
+    def __init__(self, workdir, args=None, db=None, log_dir=None, umask=None):
         self.workdir = os.path.abspath(workdir)
-        self.db = db
         self.args = list(args) if args is not None else ([db] if db is not None else [])
-        self.env = dict(os.environ)
-        self.env.update({"QT_FORCE_STDERR_LOGGING": "1", "QT_LOGGING_TO_CONSOLE": "1"})
-        self.env.update(env or {})
+        self.env = dict(os.environ, QT_FORCE_STDERR_LOGGING="1", QT_LOGGING_TO_CONSOLE="1")
         self._log_dir = log_dir
         self.umask = umask
-        self.binary = binary or BIN
+        self.binary = BIN
         self.proc = None
+        self.started_at = None
         Agent._count += 1
         self.name = "agent-%d" % Agent._count
         self.stdout_path = os.path.join(self.workdir, self.name + ".stdout")
         self.stderr_path = os.path.join(self.workdir, self.name + ".stderr")
-        self.started_at = None
-
-    # ---- running ----
 
     def start(self):
         problems = isolation_problems()
@@ -346,9 +243,7 @@ class Agent:
             raise RuntimeError("agent binary not found: set QEL_NET_BIN (now %r)" % self.binary)
         os.makedirs(self.workdir, exist_ok=True)
         with open(self.stdout_path, "wb") as out, open(self.stderr_path, "wb") as err:
-            kwargs = {}
-            if self.umask is not None:
-                kwargs["umask"] = self.umask
+            kwargs = {} if self.umask is None else {"umask": self.umask}
             self.proc = subprocess.Popen([self.binary] + self.args, cwd=self.workdir, env=self.env,
                                          stdin=subprocess.DEVNULL, stdout=out, stderr=err,
                                          preexec_fn=_die_with_parent, **kwargs)
@@ -367,8 +262,7 @@ class Agent:
         try:
             return self.proc.wait(timeout)
         except subprocess.TimeoutExpired:
-            raise AssertionError("agent still running after %.1fs\n%s"
-                                 % (timeout, self.diagnostics())) from None
+            raise AssertionError("agent still running after %.1fs\n%s" % (timeout, self.diagnostics())) from None
 
     def kill9(self):
         if self.is_running():
@@ -387,54 +281,29 @@ class Agent:
                 self.proc.kill()
         return self.proc.wait()
 
-    # ---- output ----
-
-    def used_db(self):
-        """The database path this run uses, resolved against the work dir."""
-        path = self.args[0] if len(self.args) == 1 else "./sysconf.db"
-        return os.path.normpath(os.path.join(self.workdir, path))
-
     def log_dirs(self):
         if self._log_dir is not None:
             return [os.path.join(self.workdir, self._log_dir)]
-        dirs = []
+        # Exactly one argument is the database path, otherwise ./sysconf.db.
+        db = os.path.join(self.workdir, self.args[0] if len(self.args) == 1 else "sysconf.db")
         try:
-            logpath = sysconf_value(self.used_db(), "logpath")
-            if logpath:
-                dirs.append(os.path.join(self.workdir, logpath))
+            logpath = sysconf_value(db, "logpath")
         except (OSError, sqlite3.Error):
-            pass
-        dirs.append(os.path.join(self.workdir, FALLBACK_LOG_DIR))
-        seen, out = set(), []
-        for d in dirs:
-            key = os.path.realpath(d)
-            if key not in seen:
-                seen.add(key)
-                out.append(d)
-        return out
+            logpath = None
+        dirs = [os.path.join(self.workdir, d) for d in (logpath, FALLBACK_LOG_DIR) if d]
+        return [d for i, d in enumerate(dirs) if os.path.realpath(d) not in map(os.path.realpath, dirs[:i])]
 
     def log_files(self):
         """This run's glog INFO files (regular files named ...INFO...<pid>log)."""
         files = []
-        for d in self.log_dirs():
-            try:
-                names = os.listdir(d)
-            except OSError:
-                continue
-            for name in names:
-                p = os.path.join(d, name)
-                m = _LOG_NAME_PID.search(name)
-                if ("INFO" in name and not os.path.islink(p) and os.path.isfile(p)
-                        and m and int(m.group(1)) == self.pid):
-                    files.append(p)
-        return sorted(files)
+        for d in filter(os.path.isdir, self.log_dirs()):
+            files += [os.path.join(d, n) for n in os.listdir(d) if "INFO" in n and n.endswith(".%slog" % self.pid)]
+        return sorted(p for p in files if os.path.isfile(p) and not os.path.islink(p))
 
     @property
     def log_dir(self):
         files = self.log_files()
-        if files:
-            return os.path.dirname(files[0])
-        return self.log_dirs()[0]
+        return os.path.dirname(files[0]) if files else self.log_dirs()[0]
 
     def log_text(self):
         parts = []
@@ -445,44 +314,30 @@ class Agent:
 
     def log_lines(self):
         """The message part of each glog line ("I... file:line] message")."""
-        out = []
-        for line in self.log_text().splitlines():
-            _, sep, msg = line.partition("] ")
-            if sep and re.match(r"[IWEF]\d{8} ", line):
-                out.append(msg)
-        return out
+        return [line.partition("] ")[2] for line in self.log_text().splitlines()
+                if "] " in line and re.match(r"[IWEF]\d{8} ", line)]
 
     def wait_log(self, regex, timeout=10, count=1):
         """Poll the log until `regex` matched `count` times; returns the matches."""
         pattern = re.compile(regex, re.M)
         deadline = time.monotonic() + timeout
         while True:
+            exited = not self.is_running()
             found = list(pattern.finditer(self.log_text()))
             if len(found) >= count:
                 return found
-            exited = not self.is_running()
             if exited or time.monotonic() >= deadline:
-                found = list(pattern.finditer(self.log_text()))
-                if len(found) >= count:
-                    return found
                 raise AssertionError("log: %d of %d matches of %r %s\n%s" % (
                     len(found), count, regex,
-                    "and the agent has exited" if exited else "after %.1fs" % timeout,
-                    self.diagnostics()))
+                    "and the agent has exited" if exited else "after %.1fs" % timeout, self.diagnostics()))
             time.sleep(0.05)
 
-    def _read(self, path):
+    def stderr_text(self):
         try:
-            with open(path, encoding="utf-8", errors="replace") as f:
+            with open(self.stderr_path, encoding="utf-8", errors="replace") as f:
                 return f.read()
         except OSError:
             return ""
-
-    def stderr_text(self):
-        return self._read(self.stderr_path)
-
-    def stdout_text(self):
-        return self._read(self.stdout_path)
 
     def diagnostics(self, lines=40):
         state = ("running" if self.is_running() else
@@ -491,76 +346,47 @@ class Agent:
                 % (self.name, state, self.binary, self.args, self.log_dirs(),
                    _tail(self.log_text(), lines), _tail(self.stderr_text(), lines)))
 
-    # ---- checks ----
+    def _assert_no_match(self, patterns, what, lines):
+        text = self.stderr_text()
+        hits = [p for p in patterns if re.search(p, text)]
+        if hits:
+            raise AssertionError("%s in stderr (%s):\n%s" % (what, ", ".join(hits), _tail(text, lines)))
 
     def assert_no_qt_thread_warnings(self):
-        text = self.stderr_text()
-        hits = [p for p in QT_THREAD_WARNING_PATTERNS if re.search(p, text)]
-        if hits:
-            raise AssertionError("Qt thread warnings in stderr (%s):\n%s" % (
-                ", ".join(hits), _tail(text)))
+        self._assert_no_match(QT_THREAD_WARNING_PATTERNS, "Qt thread warnings", 40)
 
     def assert_no_sanitizer_reports(self):
-        text = self.stderr_text()
-        hits = [p for p in SANITIZER_PATTERNS if re.search(p, text)]
-        if hits:
-            raise AssertionError("sanitizer reports in stderr (%s):\n%s" % (
-                ", ".join(hits), _tail(text, 80)))
-
-
-# ---- the test case base -----------------------------------------------------
-
-class _Tracked:
-    def __init__(self, obj):
-        self.obj = obj
-
-    def stop(self):
-        self.obj.stop()
+        self._assert_no_match(SANITIZER_PATTERNS, "sanitizer reports", 80)
 
 
 class AgentTestCase(unittest.TestCase):
-    """Fresh work dir per test (self.work); started agents and simulators are
-    stopped in tearDown; on failure their logs are printed and the work dir
-    is kept (it is removed otherwise, unless QEL_KEEP_WORK=1)."""
+    """Fresh work dir per test (self.work); agents and simulators are stopped in tearDown.
+    On failure their logs are printed and the work dir kept (also with QEL_KEEP_WORK=1)."""
 
     def setUp(self):
         super().setUp()
-        name = self.id().rsplit(".", 1)[-1][:40]
-        self.work = tempfile.mkdtemp(prefix="qel_%s_" % name)
-        self._agents = []
-        self._sims = []
-        self._mounts = []
+        self.work = tempfile.mkdtemp(prefix="qel_%s_" % self.id().rsplit(".", 1)[-1][:40])
+        self._agents, self._sims, self._mounts = [], [], []
 
     def path(self, *parts):
         return os.path.join(self.work, *parts)
 
-    def agent(self, args=None, db=None, env=None, workdir=None, **kw):
-        a = Agent(workdir or self.work, args=args, db=db, env=env, **kw)
+    def agent(self, args=None, db=None, workdir=None, **kw):
+        a = Agent(workdir or self.work, args=args, db=db, **kw)
         self._agents.append(a)
         return a
 
-    def _record_name(self, stem):
-        n = sum(1 for s in self._sims if not isinstance(s, _Tracked)) + 1
-        return self.path("%s-%d.jsonl" % (stem, n))
-
     def server_sim(self, info_port=0, file_port=0, **kw):
         """A started ServerSim (free ports by default), recording to the work dir."""
-        kw.setdefault("record", self._record_name("server-requests"))
-        s = ServerSim(info_port, file_port, **kw).start()
-        self._sims.append(s)
-        return s
+        kw.setdefault("record", self.path("server-requests-%d.jsonl" % (len(self._sims) + 1)))
+        self._sims.append(ServerSim(info_port, file_port, **kw).start())
+        return self._sims[-1]
 
     def app_sim(self, port=0, **kw):
         """A started AppSim (pass port=8890 for the agent's fixed link port)."""
-        kw.setdefault("record", self._record_name("app-notices"))
-        s = AppSim(port, **kw).start()
-        self._sims.append(s)
-        return s
-
-    def track(self, obj):
-        """Stop `obj` (anything with stop()) in tearDown."""
-        self._sims.append(_Tracked(obj))
-        return obj
+        kw.setdefault("record", self.path("app-notices-%d.jsonl" % (len(self._sims) + 1)))
+        self._sims.append(AppSim(port, **kw).start())
+        return self._sims[-1]
 
     def make_db(self, name="sysconf.db", **kw):
         return make_db(self.path(name), self.work, **kw)
@@ -588,27 +414,19 @@ class AgentTestCase(unittest.TestCase):
         outcome = getattr(self, "_outcome", None)
         if outcome is None:
             return False
-        errors = getattr(outcome, "errors", None)     # before Python 3.11
-        if errors and any(exc for _, exc in errors):
+        if any(exc for _, exc in getattr(outcome, "errors", None) or []):     # before Python 3.11
             return True
         result = getattr(outcome, "result", None)
-        for test, _ in getattr(result, "failures", []) + getattr(result, "errors", []):
-            if test is self or getattr(test, "test_case", None) is self:
-                return True
-        return False
+        return any(test is self or getattr(test, "test_case", None) is self
+                   for test, _ in getattr(result, "failures", []) + getattr(result, "errors", []))
 
     def tearDown(self):
         failed = self._failed()
-        for a in self._agents:
+        for thing in self._agents + self._sims[::-1]:
             try:
-                a.stop()
+                thing.stop()
             except Exception as e:  # keep tearing down
-                sys.stderr.write("stopping %s: %s\n" % (a.name, e))
-        for s in reversed(self._sims):
-            try:
-                s.stop()
-            except Exception as e:
-                sys.stderr.write("stopping simulator: %s\n" % e)
+                sys.stderr.write("stopping %r: %s\n" % (thing, e))
         for d in reversed(self._mounts):
             subprocess.run(["umount", d], check=False)
         if failed:
@@ -617,10 +435,9 @@ class AgentTestCase(unittest.TestCase):
             for s in self._sims:
                 if isinstance(s, ServerSim):
                     out.append("---- server sim: %s; last requests:" % s.status())
-                    out += ["  %s %s SessionId=%s body=%r" % (r["method"], r["path"], r["session"],
-                                                              r["body"][:200])
+                    out += ["  %s %s SessionId=%s body=%r" % (r["method"], r["path"], r["session"], r["body"][:200])
                             for r in s.requests()[-10:]]
-                elif isinstance(s, AppSim):
+                else:
                     out.append("---- app sim: last notices:")
                     out += ["  %s SessionId=%s %r" % (n["kind"], n["session"], n["raw"][:200])
                             for n in s.notices()[-10:]]

@@ -1,200 +1,90 @@
 #include <gtest/gtest.h>
 
-#include <QDomDocument>
 #include <QFile>
 #include <QHostInfo>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 
-#include <map>
-#include <string>
-#include <vector>
+#include <memory>
+#include <utility>
 
 #include "QEL_XMLConf.h"
 
 namespace {
 
-struct Key
-{
-    const char* name;
-    QString QEL_XMLConf::*field;
-};
+using Field = QString QEL_XMLConf::*;
+const std::pair<const char*, Field> kKeys[] = {
+    {"alarmimage", &QEL_XMLConf::alarmimage}, {"template", &QEL_XMLConf::template_},
+    {"apppath", &QEL_XMLConf::apppath}, {"failpath", &QEL_XMLConf::failpath}, {"logpath", &QEL_XMLConf::logpath},
+    {"qelpath", &QEL_XMLConf::qelpath}, {"tdata", &QEL_XMLConf::tdata}, {"serverip_info", &QEL_XMLConf::serverip_info},
+    {"serverip_file", &QEL_XMLConf::serverip_file}, {"serverip_video", &QEL_XMLConf::serverip_video},
+    {"serverport_info", &QEL_XMLConf::serverport_info}, {"serverport_file", &QEL_XMLConf::serverport_file},
+    {"serverport_video", &QEL_XMLConf::serverport_video}, {"camera", &QEL_XMLConf::camera},
+    {"detect", &QEL_XMLConf::detect}, {"useInlineName", &QEL_XMLConf::useInlineName}};
 
-const Key kKeys[] = {
-    {"alarmimage", &QEL_XMLConf::alarmimage},
-    {"template", &QEL_XMLConf::template_},
-    {"apppath", &QEL_XMLConf::apppath},
-    {"failpath", &QEL_XMLConf::failpath},
-    {"logpath", &QEL_XMLConf::logpath},
-    {"qelpath", &QEL_XMLConf::qelpath},
-    {"tdata", &QEL_XMLConf::tdata},
-    {"serverip_info", &QEL_XMLConf::serverip_info},
-    {"serverip_file", &QEL_XMLConf::serverip_file},
-    {"serverip_video", &QEL_XMLConf::serverip_video},
-    {"serverport_info", &QEL_XMLConf::serverport_info},
-    {"serverport_file", &QEL_XMLConf::serverport_file},
-    {"serverport_video", &QEL_XMLConf::serverport_video},
-    {"camera", &QEL_XMLConf::camera},
-    {"detect", &QEL_XMLConf::detect},
-    {"useInlineName", &QEL_XMLConf::useInlineName},
-};
-
-// Value written for each key: "v_<key>".
-QString valueOf(const char* key)
+// Every key but `skip` as "v_<key>" in two sections, then `extra` inside the root.
+QByteArray configXml(const QByteArray& skip = {}, const QByteArray& extra = {})
 {
-    return QStringLiteral("v_") + QString::fromLatin1(key);
-}
-
-// A config.xml with every key inside one of two sections; `skip` leaves a
-// key out, `extra` is inserted verbatim into the root after the sections.
-std::string configXml(const std::string& skip = std::string(), const std::string& extra = std::string())
-{
-    std::string xml = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<config>\n  <paths>\n";
-    int i = 0;
-    for (const Key& k : kKeys) {
-        if (i++ == 7)
-            xml += "  </paths>\n  <server>\n";
-        if (skip == k.name)
-            continue;
-        xml += std::string("    <") + k.name + ">v_" + k.name + "</" + k.name + ">\n";
+    QByteArray xml = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<config><paths>\n";
+    for (const auto& [key, field] : kKeys) {
+        xml += field == &QEL_XMLConf::serverip_info ? "</paths><server>\n" : "";
+        if (skip != key)
+            xml += QByteArray("<") + key + ">v_" + key + "</" + key + ">\n";
     }
-    xml += "  </server>\n" + extra + "</config>\n";
-    return xml;
+    return xml + "</server>" + extra + "</config>\n";
 }
 
-class XMLConfTest : public ::testing::Test
+// Reads a config.xml holding `content` (no file for nullptr).
+std::unique_ptr<QEL_XMLConf> load(const char* content)
 {
-protected:
-    void SetUp() override { ASSERT_TRUE(tmp_.isValid()); }
-
-    QString write(const std::string& content)
-    {
-        const QString path = tmp_.filePath(QStringLiteral("config.xml"));
-        QFile f(path);
-        EXPECT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        f.write(content.data(), static_cast<qint64>(content.size()));
-        return path;
-    }
-
-    static void expectAllEmpty(const QEL_XMLConf& conf)
-    {
-        for (const Key& k : kKeys)
-            EXPECT_TRUE((conf.*k.field).isEmpty()) << k.name;
-    }
-
-    QTemporaryDir tmp_;
-};
-
-TEST_F(XMLConfTest, MissingFile)
-{
-    QEL_XMLConf conf(nullptr, tmp_.filePath(QStringLiteral("config.xml")));
-    EXPECT_EQ(conf.status, QStringLiteral("config.xml open error"));
-    expectAllEmpty(conf);
+    QTemporaryDir dir;
+    QFile f(dir.filePath(QStringLiteral("config.xml")));
+    EXPECT_TRUE(!content || (f.open(QIODevice::WriteOnly) && f.write(content) >= 0 && f.flush()));
+    return std::make_unique<QEL_XMLConf>(nullptr, f.fileName());
 }
 
-TEST_F(XMLConfTest, ParseErrorNamesLineAndColumn)
+// Failures before a successful parse leave every field empty, host name included.
+TEST(XMLConf, UnreadableFiles)
 {
-    // The closing tag on line 4 does not match.
-    QEL_XMLConf conf(nullptr, write("<config>\n  <paths>\n    <camera>4</camera>\n    <detect>2</camera>\n"
-                                    "  </paths>\n</config>\n"));
-    const QString prefix = QStringLiteral("parse file failed at line row and column");
-    ASSERT_TRUE(conf.status.startsWith(prefix)) << conf.status.toStdString();
-    const QRegularExpressionMatch m =
-        QRegularExpression(QStringLiteral("^(\\d+),(\\d+)$")).match(conf.status.mid(prefix.size()));
-    ASSERT_TRUE(m.hasMatch()) << conf.status.toStdString();
-    EXPECT_EQ(m.captured(1).toInt(), 4);
-    EXPECT_GT(m.captured(2).toInt(), 0);
-    expectAllEmpty(conf);   // no host name either: that comes only after a successful parse
-}
-
-TEST_F(XMLConfTest, EmptyFileIsAParseError)
-{
-    QEL_XMLConf conf(nullptr, write(""));
-    EXPECT_TRUE(conf.status.startsWith(QStringLiteral("parse file failed at line row and column")))
-        << conf.status.toStdString();
-}
-
-TEST_F(XMLConfTest, CompleteFile)
-{
-    QEL_XMLConf conf(nullptr, write(configXml()));
-    EXPECT_EQ(conf.status, QStringLiteral("config success"));
-    for (const Key& k : kKeys) {
-        if (k.field == &QEL_XMLConf::useInlineName)
-            continue;
-        EXPECT_EQ(conf.*k.field, valueOf(k.name)) << k.name;
-    }
-    EXPECT_EQ(conf.useInlineName, QHostInfo::localHostName());
-    EXPECT_EQ(QEL_XMLConf::__pInstance, nullptr);
-}
-
-struct IncompleteCase
-{
-    const char* name;
-    std::string xml;
-    QString QEL_XMLConf::*emptyField;
-};
-
-TEST_F(XMLConfTest, IncompleteFiles)
-{
-    const IncompleteCase cases[] = {
-        {"key missing", configXml("detect"), &QEL_XMLConf::detect},
-        {"key outside a section", configXml("camera", "  <camera>4</camera>\n"), &QEL_XMLConf::camera},
-        {"key nested too deep", configXml("camera", "  <more><deeper><camera>4</camera></deeper></more>\n"),
-         &QEL_XMLConf::camera},
-        {"tag case differs", configXml("camera", "  <s><Camera>4</Camera></s>\n"), &QEL_XMLConf::camera},
-        {"later empty element", configXml("", "  <s><tdata/></s>\n"), &QEL_XMLConf::tdata},
-        {"attribute is not read", configXml("apppath", "  <s><apppath value=\"/x/\"/></s>\n"), &QEL_XMLConf::apppath},
+    const QString parse = QStringLiteral("^parse file failed at line row and column");
+    const std::pair<const char*, QString> cases[] = {
+        {nullptr, QStringLiteral("^config\\.xml open error$")},
+        {"", parse + QStringLiteral("\\d+,\\d+$")},
+        {"<config>\n<paths>\n<camera>4</camera>\n<detect>2</camera>\n</paths>\n</config>\n", parse + "4,[1-9]\\d*$"},
     };
-    for (const IncompleteCase& c : cases) {
-        SCOPED_TRACE(c.name);
-        QEL_XMLConf conf(nullptr, write(c.xml));
-        EXPECT_EQ(conf.status, QStringLiteral("The data is incomplete"));
-        EXPECT_TRUE((conf.*c.emptyField).isEmpty());
-        EXPECT_EQ(conf.serverip_info, QStringLiteral("v_serverip_info"));
-        EXPECT_EQ(conf.useInlineName, QHostInfo::localHostName());
+    for (const auto& [content, pattern] : cases) {
+        const auto conf = load(content);
+        EXPECT_TRUE(QRegularExpression(pattern).match(conf->status).hasMatch()) << conf->status.toStdString();
+        for (const auto& [key, field] : kKeys)
+            EXPECT_TRUE(((*conf).*field).isEmpty()) << key;
     }
 }
 
-// A missing useInlineName does not matter: the host name fills it.
-TEST_F(XMLConfTest, DeviceNameNotNeededInFile)
+// Where `field` gets its value from; an empty `value` leaves the data incomplete.
+// Every other key keeps its "v_<key>".
+TEST(XMLConf, WhereValuesComeFrom)
 {
-    QEL_XMLConf conf(nullptr, write(configXml("useInlineName")));
-    EXPECT_EQ(conf.status, QStringLiteral("config success"));
-    EXPECT_EQ(conf.useInlineName, QHostInfo::localHostName());
-}
-
-TEST_F(XMLConfTest, LaterElementOverwritesEarlier)
-{
-    QEL_XMLConf conf(nullptr, write(configXml("", "  <extra><camera>8</camera></extra>\n  <extra2><camera>6</camera>"
-                                                 "<serverport_info>9000</serverport_info></extra2>\n")));
-    EXPECT_EQ(conf.status, QStringLiteral("config success"));
-    EXPECT_EQ(conf.camera, QStringLiteral("6"));
-    EXPECT_EQ(conf.serverport_info, QStringLiteral("9000"));
-}
-
-TEST_F(XMLConfTest, TextIsTakenAsWritten)
-{
-    QEL_XMLConf conf(nullptr, write(configXml("alarmimage", "  <s><alarmimage> /图片/a&amp;b/ </alarmimage></s>\n")));
-    EXPECT_EQ(conf.status, QStringLiteral("config success"));
-    EXPECT_EQ(conf.alarmimage, QString::fromUtf8(" /图片/a&b/ "));
-}
-
-TEST(XMLOutValue, OnlyExactTagName)
-{
-    QDomDocument doc;
-    QDomElement e = doc.createElement(QStringLiteral("camera"));
-    e.appendChild(doc.createTextNode(QStringLiteral("4")));
-
-    QEL_XMLConf conf(nullptr, QStringLiteral("/nonexistent/config.xml"));
-    QString value = QStringLiteral("old");
-    conf.XMLOutValue(e, QStringLiteral("Camera"), value);
-    EXPECT_EQ(value, QStringLiteral("old"));
-    conf.XMLOutValue(e, QStringLiteral("detect"), value);
-    EXPECT_EQ(value, QStringLiteral("old"));
-    conf.XMLOutValue(QDomElement(), QStringLiteral("camera"), value);
-    EXPECT_EQ(value, QStringLiteral("old"));
-    conf.XMLOutValue(e, QStringLiteral("camera"), value);
-    EXPECT_EQ(value, QStringLiteral("4"));
+    const struct { const char* skip; const char* extra; Field field; const char* value; } cases[] = {
+        {"", "", &QEL_XMLConf::camera, "v_camera"},
+        {"detect", "", &QEL_XMLConf::detect, ""},
+        {"camera", "<camera>4</camera>", &QEL_XMLConf::camera, ""},   // outside a section
+        {"camera", "<a><b><camera>4</camera></b></a>", &QEL_XMLConf::camera, ""},   // too deep
+        {"camera", "<s><Camera>4</Camera></s>", &QEL_XMLConf::camera, ""},
+        {"", "<s><tdata/></s>", &QEL_XMLConf::tdata, ""},   // a later empty element overwrites
+        {"apppath", "<s><apppath value=\"/x/\"/></s>", &QEL_XMLConf::apppath, ""},
+        {"", "<s><camera>8</camera></s><t><camera>6</camera></t>", &QEL_XMLConf::camera, "6"},
+        {"alarmimage", "<s><alarmimage> /图片/a&amp;b/ </alarmimage></s>", &QEL_XMLConf::alarmimage, " /图片/a&b/ "},
+        {"useInlineName", "", &QEL_XMLConf::useInlineName, nullptr},   // the host name fills it
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::Message() << c.skip << c.extra);
+        const auto conf = load(configXml(c.skip, c.extra).constData());
+        EXPECT_EQ(conf->status, !c.value || *c.value ? "config success" : "The data is incomplete");
+        for (const auto& [key, field] : kKeys) {
+            const QString v = field == &QEL_XMLConf::useInlineName ? QHostInfo::localHostName() : "v_" + QString(key);
+            EXPECT_EQ((*conf).*field, field == c.field && c.value ? QString::fromUtf8(c.value) : v) << key;
+        }
+    }
 }
 
 }  // namespace
