@@ -22,7 +22,6 @@ Standard library only.
 """
 
 import argparse
-import errno
 import json
 import re
 import select
@@ -31,6 +30,8 @@ import socket
 import sys
 import threading
 import time
+
+from qel_simnet import bind_listener, close_listening, unescape
 
 LOOPBACK = "127.0.0.1"
 DEFAULT_PORT = 8890
@@ -48,35 +49,6 @@ _KINDS = {"/back/": "back", "/heart/": "heart", "/reline/": "reline"}
 QUIET_SECONDS = 0.3
 
 
-def _bind_listener(port, backlog):
-    """A listening socket on 127.0.0.1:port (0: any free port)."""
-    deadline = time.monotonic() + 2.0
-    while True:
-        s = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-        s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        try:
-            s.bind((LOOPBACK, port))
-            s.listen(backlog)
-            return s
-        except OSError as e:
-            s.close()
-            # a listener closed a moment ago may linger briefly
-            if e.errno != errno.EADDRINUSE or port == 0 or time.monotonic() >= deadline:
-                raise
-            time.sleep(0.05)
-
-
-def _close_listening(s):
-    # shutdown() stops a listening socket at once, even while another thread
-    # still polls it; close() alone would leave it listening until then.
-    try:
-        s.shutdown(socket.SHUT_RDWR)
-    except OSError:
-        pass
-    try:
-        s.close()
-    except OSError:
-        pass
 
 
 def format_message(msg_type, body, field="x"):
@@ -224,7 +196,7 @@ class AppSim:
         with self._lock:
             if self._listener is not None:
                 return
-            s = _bind_listener(self._port, 8)
+            s = bind_listener(self._port, 8)
             self._port = s.getsockname()[1]
             self._listener = s
             t = threading.Thread(target=self._accept_loop, args=(s,), daemon=True, name="app-accept")
@@ -236,7 +208,7 @@ class AppSim:
         with self._lock:
             s, self._listener = self._listener, None
             if s is not None:
-                _close_listening(s)
+                close_listening(s)
         self.disconnect()
 
     def disconnect(self):
@@ -454,9 +426,6 @@ def _kind_matches(n, kind):
 
 # ---- command line ---------------------------------------------------------
 
-def _unescape(text):
-    return text.encode("utf-8").decode("unicode_escape").encode("latin-1")
-
 
 def parse_script_line(line):
     """One script line -> ("send", bytes) | ("sleep", s) | ("wait", kind, s) | None."""
@@ -471,7 +440,7 @@ def parse_script_line(line):
         parts = rest.split()
         return ("wait", parts[0], float(parts[1]) if len(parts) > 1 else 10.0)
     if word == "raw":
-        return ("send", _unescape(line.split("raw ", 1)[1]))
+        return ("send", unescape(line.split("raw ", 1)[1]))
     if SEPARATOR in line:
         return ("send", line.encode("utf-8"))
     if re.fullmatch(r"-?\d+", word):

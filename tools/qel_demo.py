@@ -13,7 +13,6 @@ the failure history, then recovery and resend.
 
 import os
 import re
-import shutil
 import sqlite3
 import subprocess
 import sys
@@ -24,31 +23,8 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 
 from qel_app_sim import AppSim          # noqa: E402
+from qel_config import make_db as config_db  # noqa: E402
 from qel_server_sim import ServerSim    # noqa: E402
-
-KEYS = [
-    ("alarmimage", "alarmimage/", "报警图片存放的根目录"),
-    ("template", "", "模板图片存放的根目录"),
-    ("apppath", "", "编码进程存放的目录"),
-    ("failpath", "qel_fail/", "保存失败文件或信息的路径"),
-    ("logpath", "qel_log/", "日志保存路径"),
-    ("qelpath", "", "qel_net执行工作路径"),
-    ("tdata", "data/", "存放临时文件的路径"),
-    ("serverip_info", "127.0.0.1", "信息的ip地址"),
-    ("serverip_file", "127.0.0.1", "文件的ip地址"),
-    ("serverip_video", "127.0.0.1", "视频流的ip地址"),
-    ("serverport_info", "18000", "信息的端口"),
-    ("serverport_file", "18080", "文件的端口"),
-    ("serverport_video", "18888", "视频流的端口"),
-    ("camera", "4", "使用的最大相机数"),
-    ("detect", "2", "使用的检测序号数目"),
-    ("useInlineName", "_dmrkpf_", "在调试中使用指定的设备号"),
-    ("apppath_send", "Quillon2", "发送app所在的路径"),
-    ("thispath", "sysconf.db", "本db文件所在的绝对路径"),
-]
-PATH_KEYS = {"alarmimage", "template", "apppath", "failpath", "logpath", "qelpath", "tdata",
-             "apppath_send", "thispath"}
-
 
 def say(text=""):
     print(text, flush=True)
@@ -60,17 +36,9 @@ def step(title):
 
 
 def make_db(work):
-    db = os.path.join(work, "sysconf.db")
-    con = sqlite3.connect(db)
-    con.execute("CREATE TABLE info_sysconf(信息名称 CHAR(100) PRIMARY KEY NOT NULL,"
-                "值 CHAR(100) NOT NULL,描述 CHAR(100) NOT NULL)")
-    for key, value, desc in KEYS:
-        if key in PATH_KEYS:
-            value = os.path.join(work, value)
-        con.execute("insert into info_sysconf values (?, ?, ?)", (key, value, desc))
-    con.commit()
-    con.close()
-    return db
+    # logs go to qel_log/ in the scratch directory, where log_lines reads them
+    return config_db(os.path.join(work, "sysconf.db"), work, 18000, 18080,
+                     overrides={"logpath": os.path.join(work, "qel_log/")})
 
 
 def log_lines(work, since=0):

@@ -21,7 +21,6 @@ Standard library only.
 """
 
 import argparse
-import errno
 import hashlib
 import json
 import os
@@ -32,6 +31,8 @@ import struct
 import sys
 import threading
 import time
+
+from qel_simnet import bind_listener, close_listening, unescape
 
 LOOPBACK = "127.0.0.1"
 
@@ -382,7 +383,7 @@ class ServerSim:
             if cmd in MODES or cmd == "up":
                 arg = rest.strip() or None
                 if cmd == "garbage" and arg is not None:
-                    arg = _unescape(arg)
+                    arg = unescape(arg)
                 self.set_mode(cmd, arg, port=port)
                 return "ok " + self.status()
             if cmd == "status":
@@ -441,7 +442,7 @@ class ServerSim:
                 sys.stderr.write("qel_server_sim: printer failed: %s\n" % e)
 
     def _new_listener(self, p, backlog):
-        s = _bind_listener(p.port, backlog)
+        s = bind_listener(p.port, backlog)
         p.port = s.getsockname()[1]
         return s
 
@@ -472,7 +473,7 @@ class ServerSim:
     def _close_listener(self, p):
         s, p.listener, p.blackhole = p.listener, None, False
         if s is not None:
-            _close_listening(s)
+            close_listening(s)
         for c in p.fillers:
             c.close()
         p.fillers = []
@@ -667,35 +668,6 @@ class ServerSim:
         return True
 
 
-def _bind_listener(port, backlog):
-    """A listening socket on 127.0.0.1:port (0: any free port)."""
-    deadline = time.monotonic() + 2.0
-    while True:
-        s = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-        s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        try:
-            s.bind((LOOPBACK, port))
-            s.listen(backlog)
-            return s
-        except OSError as e:
-            s.close()
-            # a listener closed a moment ago may linger briefly
-            if e.errno != errno.EADDRINUSE or port == 0 or time.monotonic() >= deadline:
-                raise
-            time.sleep(0.05)
-
-
-def _close_listening(s):
-    # shutdown() stops a listening socket at once, even while another thread
-    # still polls it; close() alone would leave it listening until then.
-    try:
-        s.shutdown(socket.SHUT_RDWR)
-    except OSError:
-        pass
-    try:
-        s.close()
-    except OSError:
-        pass
 
 
 def _req_matches(r, path, session, port):
@@ -708,9 +680,6 @@ def _printable(v):
         return bytes(v).decode("utf-8", "backslashreplace")
     return v
 
-
-def _unescape(text):
-    return text.encode("utf-8").decode("unicode_escape").encode("latin-1")
 
 
 def _reply_arg(text):

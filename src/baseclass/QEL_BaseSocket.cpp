@@ -48,13 +48,9 @@ QEL_BaseSocket::QEL_BaseSocket(QObject* parent)
     : QTcpSocket(parent)
     , lock_(new QMutex)
 {
-    name = "NONE";
     reserved = 0;
-    connected = false;
-    host = gConfig->serverip_info;
-    port = gConfig->serverport_info;
+    setPeer("NONE", gConfig->serverip_info, gConfig->serverport_info);
     setReadBufferSize(kReadChunk);
-    hostAddress.setAddress(host);
 
     connect(this, &QTcpSocket::connected, this, &QEL_BaseSocket::SlotConnected);
     connect(this, &QTcpSocket::readyRead, this, &QEL_BaseSocket::SlotRecvData);
@@ -83,6 +79,15 @@ QEL_BaseSocket::QEL_BaseSocket(QObject* parent)
         if (attemptInProgress_)
             abort();    // the state change ends the attempt as failed
     });
+}
+
+void QEL_BaseSocket::setPeer(const QString& socketName, const QString& peerHost, const QString& peerPort)
+{
+    name = socketName;
+    connected = false;
+    host = peerHost;
+    port = peerPort;
+    hostAddress.setAddress(host);
 }
 
 QEL_BaseSocket::~QEL_BaseSocket()
@@ -281,11 +286,7 @@ void QEL_BaseSocket::failPendingWrites()
 QEL_SocketInfo::QEL_SocketInfo(QObject* parent)
     : QEL_BaseSocket(parent)
 {
-    name = "INFO";
-    connected = false;
-    host = gConfig->serverip_info;
-    port = gConfig->serverport_info;
-    hostAddress.setAddress(host);
+    setPeer("INFO", gConfig->serverip_info, gConfig->serverport_info);
 }
 
 int QEL_SocketInfo::Init()
@@ -300,9 +301,5 @@ int QEL_SocketInfo::Init()
 QEL_SocketFile::QEL_SocketFile(QObject* parent)
     : QEL_BaseSocket(parent)
 {
-    name = "FILE";
-    connected = false;
-    host = gConfig->serverip_file;
-    port = gConfig->serverport_file;
-    hostAddress.setAddress(host);
+    setPeer("FILE", gConfig->serverip_file, gConfig->serverport_file);
 }

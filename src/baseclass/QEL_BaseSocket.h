@@ -70,6 +70,8 @@ public slots:
     virtual void SlotError(QAbstractSocket::SocketError error);
 
 protected:
+    // Name for the log lines and the peer to connect to.
+    void setPeer(const QString& socketName, const QString& peerHost, const QString& peerPort);
     // Routing of one received chunk taken as one complete reply.
     void handleReply(const QByteArray& chunk);
 

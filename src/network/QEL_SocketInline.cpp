@@ -19,10 +19,7 @@ const char* const kSeparator = ":..!";
 QEL_SocketInline::QEL_SocketInline(QObject* parent)
     : QEL_BaseSocket(parent)
 {
-    name = "INLINE";
-    host = "127.0.0.1";
-    port = "8890";
-    hostAddress.setAddress(host);
+    setPeer("INLINE", "127.0.0.1", "8890");
     setReadBufferSize(kInlineReadBuffer);
 }
 

@@ -29,39 +29,14 @@ if _TOOLS not in sys.path:
 
 from qel_app_sim import AppSim          # noqa: E402  (re-exported for tests)
 from qel_server_sim import ServerSim    # noqa: E402
+from qel_config import DEFAULT_KEYS, DEFAULT_TREE, SYSCONF_CREATE, make_db  # noqa: E402,F401
 
-DEFAULT_TREE = "/root/bin-AOI"
 TEST_HOST_NAME = "qel-test-host"
 BANNER = "version:1.0.2 release"
 STATUS_SUCCESS = "config success"
 STATUS_OPEN_ERROR = "config.SQL open error"
 STATUS_INCOMPLETE = "The data is incomplete"
 FALLBACK_LOG_DIR = "./qel_net/qel_log"
-
-SYSCONF_CREATE = ("CREATE TABLE info_sysconf(信息名称 CHAR(100) PRIMARY KEY NOT NULL,"
-                  "值 CHAR(100) NOT NULL,描述 CHAR(100) NOT NULL)")
-
-# The configuration keys in load order: (key, default value, description).
-DEFAULT_KEYS = [
-    ("alarmimage", "/root/bin-AOI/alarmimage/", "报警图片存放的根目录"),
-    ("template", "/root/bin-AOI/", "模板图片存放的根目录"),
-    ("apppath", "/root/bin-AOI/", "编码进程存放的目录"),
-    ("failpath", "/root/bin-AOI/qel_net/qel_fail/", "保存失败文件或信息的路径"),
-    ("logpath", "/root/bin-AOI/qel_net/qel_log/", "日志保存路径"),
-    ("qelpath", "/root/bin-AOI/qel_net/", "qel_net执行工作路径"),
-    ("tdata", "/root/bin-AOI/qel_net/data/", "存放临时文件的路径"),
-    ("serverip_info", "192.168.1.1", "信息的ip地址"),
-    ("serverip_file", "192.168.1.1", "文件的ip地址"),
-    ("serverip_video", "192.168.1.1", "视频流的ip地址"),
-    ("serverport_info", "8000", "信息的端口"),
-    ("serverport_file", "8080", "文件的端口"),
-    ("serverport_video", "8888", "视频流的端口"),
-    ("camera", "4", "使用的最大相机数"),
-    ("detect", "2", "使用的检测序号数目"),
-    ("useInlineName", "_dmrkpf_", "在调试中使用指定的设备号"),
-    ("apppath_send", "/root/bin-AOI/qel_net/Quillon2", "发送app所在的路径"),
-    ("thispath", "/root/bin-AOI/qel_net/sysconf.db", "本db文件所在的绝对路径"),
-]
 
 # Qt's complaints about objects, timers and sockets touched from a thread
 # that does not own them, and sanitizer reports: regular expressions searched in stderr.
@@ -84,34 +59,6 @@ def free_port():
     with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
         s.bind(("127.0.0.1", 0))
         return s.getsockname()[1]
-
-
-def make_db(path, workdir, info_port=None, file_port=None, overrides=None):
-    """Write a configuration database with paths under `workdir` and servers at
-    127.0.0.1; return `path`. `overrides` maps a key to a new value, or to None
-    to leave that row out (unknown keys are added)."""
-    workdir = os.path.abspath(workdir)
-    values = {"serverport_info": str(8000 if info_port is None else info_port),
-              "serverport_file": str(8080 if file_port is None else file_port)}
-    overrides = dict(overrides or {})
-    rows = []
-    for key, default, desc in DEFAULT_KEYS:
-        if default == "192.168.1.1":
-            default = "127.0.0.1"
-        elif default.startswith(DEFAULT_TREE + "/"):
-            default = os.path.join(workdir, default[len(DEFAULT_TREE) + 1:])
-        value = overrides.pop(key, values.get(key, default))
-        if value is not None:
-            rows.append((key, value, desc))
-    rows += [(k, v, "") for k, v in overrides.items() if v is not None]
-    os.makedirs(os.path.dirname(os.path.abspath(path)), exist_ok=True)
-    if os.path.exists(path):
-        os.remove(path)
-    with closing(sqlite3.connect(path)) as con:
-        con.execute(SYSCONF_CREATE)
-        con.executemany("insert into info_sysconf (信息名称,值,描述) values (?, ?, ?)", rows)
-        con.commit()
-    return path
 
 
 def _query(db, sql):
