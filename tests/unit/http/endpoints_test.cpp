@@ -138,14 +138,14 @@ TEST_F(HttpEndpoints, ConfigurationReadAtEachRebuild)
 {
     CHttp_Heart heart;
     conf_->useInlineName = "";
-    conf_->serverip_info = "10.0.0.9";
+    conf_->serverip_info = "127.0.0.9";
     conf_->serverport_info = "9000";
     heart.reloadbase();
     // The body keeps the identifier it was built with.
-    EXPECT_EQ(heart.getHttp(), "GET /vmu/device/heartbeat?device_id= HTTP/1.1\r\n" CT_FORM TAIL("4", "INFO", "15", "10.0.0.9:9000")
+    EXPECT_EQ(heart.getHttp(), "GET /vmu/device/heartbeat?device_id= HTTP/1.1\r\n" CT_FORM TAIL("4", "INFO", "15", "127.0.0.9:9000")
                                "device_id=AOI-7");
     CHttp_Heart anonymous;
-    EXPECT_EQ(anonymous.getHttp(), "GET /vmu/device/heartbeat?device_id= HTTP/1.1\r\n" CT_FORM TAIL("4", "INFO", "10", "10.0.0.9:9000")
+    EXPECT_EQ(anonymous.getHttp(), "GET /vmu/device/heartbeat?device_id= HTTP/1.1\r\n" CT_FORM TAIL("4", "INFO", "10", "127.0.0.9:9000")
                                    "device_id=");
 }
 
