@@ -10,7 +10,6 @@
 #include <glog/logging.h>
 
 #include "CHttpBase.h"
-#include "CHttp_AppBack.h"
 #include "NetWorkConsole.h"
 #include "QEL_SQLConf.h"
 #include "RetError.h"
