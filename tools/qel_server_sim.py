@@ -6,7 +6,8 @@ agent's HTTP/1.1 requests (request line, headers, Content-Length body; many
 requests per connection) and answers each with a one-line JSON body that
 echoes the request's "SessionId" header. Behaviour can be switched at run
 time (down, refusing, silent, slow, closing, garbage, oversize, code N,
-blackhole), and every request is recorded.
+blackhole, duplicate, hold, split), answers can be delayed per rule, and
+every request is recorded.
 
 Usable as a program (see --help and tools/README.md) or in-process:
 
@@ -56,9 +57,14 @@ FALLBACK_REPLY = {"code": 0}
 # No "HTTP" anywhere in these bytes, no NUL, no CR LF before the JSON-looking tail.
 DEFAULT_GARBAGE = b"\x16\x03\x01 garbage, not an answer \xfe\xff{\"code\":0}"
 DEFAULT_OVERSIZE = 5000
+DEFAULT_DUPLICATE_GAP_MS = 10
+DEFAULT_SPLIT_MS = 100
 
 MODES = ("normal", "down", "refusing", "silent", "slow", "closing", "garbage",
-         "oversize", "code", "blackhole")
+         "oversize", "code", "blackhole", "duplicate", "hold", "split")
+# Leaving "hold" for one of these discards the held answers (their connections
+# are closed or turn silent); any other behaviour sends them first.
+_DISCARDING_MODES = ("down", "refusing", "blackhole", "silent")
 PORT_NAMES = ("info", "file")
 
 _MAX_HEAD = 1 << 20
@@ -133,7 +139,35 @@ class _Port:
         self.listener = None
         self.blackhole = False
         self.fillers = []
-        self.conns = {}      # connection id -> socket
+        self.conns = {}      # connection id -> _Conn
+
+
+class _Conn:
+    """An accepted connection. Answers may be written from the reading thread
+    and from timers (delayed and duplicate answers); `wlock` keeps each answer
+    (both halves of a split one, a whole flush) in one piece on the wire."""
+
+    def __init__(self, sock, cid):
+        self.sock = sock
+        self.cid = cid
+        self.wlock = threading.Lock()
+        self.held = []       # answers kept back by "hold", oldest first
+        self.closed = False
+
+    def write(self, *parts, gap=0.0):
+        """Send each part with one send call, `gap` seconds apart; False once
+        the connection is gone."""
+        with self.wlock:
+            for i, part in enumerate(parts):
+                if self.closed:
+                    return False
+                if i and gap > 0:
+                    time.sleep(gap)
+                try:
+                    self.sock.sendall(part)
+                except OSError:
+                    return False
+            return True
 
 
 class ServerSim:
@@ -147,6 +181,7 @@ class ServerSim:
         self._records = []
         self._events = []
         self._rules = []
+        self._timers = []
         self._conn_seq = 0
         self._body_seq = 0
         self._stopping = False
@@ -178,6 +213,8 @@ class ServerSim:
     def stop(self):
         with self._lock:
             self._stopping = True
+            for t in self._timers:
+                t.cancel()
             for p in self._ports.values():
                 self._close_listener(p)
                 self._drop_connections(p)
@@ -222,6 +259,12 @@ class ServerSim:
         code       answer every request with {"code": arg}
         blackhole  a listener that never accepts, its queue pre-filled, so new
                    connects hang (dropped SYN); open connections turn silent
+        duplicate  answer, then send the same answer again `arg` ms later
+                   (default 10) with a write of its own
+        hold       keep the answers back until flush() (leaving "hold" sends
+                   them too, except for down, refusing, blackhole, silent)
+        split      write the answer's head, then its body `arg` ms later
+                   (default 100), in two send calls
         """
         if mode == "up":
             mode = "normal"
@@ -229,6 +272,12 @@ class ServerSim:
             raise ValueError("unknown mode %r" % (mode,))
         if mode == "slow":
             arg = int(arg if arg is not None else 1000)
+        elif mode == "duplicate":
+            arg = int(arg if arg is not None else DEFAULT_DUPLICATE_GAP_MS)
+        elif mode == "split":
+            arg = int(arg if arg is not None else DEFAULT_SPLIT_MS)
+        elif mode == "hold":
+            arg = None
         elif mode == "code":
             arg = int(arg if arg is not None else 1)
         elif mode == "oversize":
@@ -239,6 +288,12 @@ class ServerSim:
         with self._lock:
             for name in names:
                 p = self._ports[name]
+                if p.mode == "hold" and mode != "hold":
+                    if mode in _DISCARDING_MODES:
+                        for c in p.conns.values():
+                            c.held = []
+                    else:
+                        self._flush_port(p)
                 p.mode, p.arg = mode, arg
                 if mode == "down":
                     self._close_listener(p)
@@ -287,11 +342,33 @@ class ServerSim:
     def blackhole(self, port=None):
         self.set_mode("blackhole", port=port)
 
+    def duplicate(self, gap_ms=DEFAULT_DUPLICATE_GAP_MS, port=None):
+        self.set_mode("duplicate", gap_ms, port=port)
+
+    def hold(self, port=None):
+        self.set_mode("hold", port=port)
+
+    def split(self, ms=DEFAULT_SPLIT_MS, port=None):
+        self.set_mode("split", ms, port=port)
+
+    def flush(self, port=None):
+        """Send the held answers, all those of one connection with one send
+        call (the client reads them in one read); returns how many were sent.
+        The port keeps holding later answers."""
+        with self._lock:
+            return sum(self._flush_port(self._ports[n]) for n in (PORT_NAMES if port is None else (port,)))
+
+    def held(self, port=None):
+        """How many answers are held back now."""
+        with self._lock:
+            return sum(len(c.held) for n in (PORT_NAMES if port is None else (port,))
+                       for c in self._ports[n].conns.values())
+
     def mode(self, port="info"):
         p = self._ports[port]
         return p.mode, p.arg
 
-    def set_reply(self, reply, path=None, session=None, times=None, reply_session=None):
+    def set_reply(self, reply, path=None, session=None, times=None, reply_session=None, delay_ms=None):
         """Override the answer for matching requests (newest rule wins).
 
         reply: dict/list (sent as one-line JSON), str (sent as the body),
@@ -299,11 +376,14 @@ class ServerSim:
         request record and returning one of these, or None for no answer.
         path matches with or without the query; session is the SessionId
         number; times limits how often the rule applies; reply_session puts
-        another SessionId into the answer than the request's.
+        another SessionId into the answer than the request's; delay_ms sends
+        the answer that much later, while later requests on the connection
+        are read and answered as usual.
         """
         with self._lock:
             self._rules.append({"path": path, "session": session, "reply": reply,
-                                "times": times, "reply_session": reply_session})
+                                "times": times, "reply_session": reply_session,
+                                "delay_ms": delay_ms})
 
     def clear_replies(self):
         with self._lock:
@@ -389,14 +469,18 @@ class ServerSim:
             if cmd == "status":
                 return "ok " + self.status()
             if cmd in ("reply", "reply-once"):
+                delay, rest = _delay_option(rest)
                 path, body = rest.split(None, 1)
                 self.set_reply(_reply_arg(body), path=None if path == "*" else path,
-                               times=1 if cmd == "reply-once" else None)
+                               times=1 if cmd == "reply-once" else None, delay_ms=delay)
                 return "ok"
             if cmd == "reply-session":
+                delay, rest = _delay_option(rest)
                 session, body = rest.split(None, 1)
-                self.set_reply(_reply_arg(body), session=int(session))
+                self.set_reply(_reply_arg(body), session=int(session), delay_ms=delay)
                 return "ok"
+            if cmd == "flush":
+                return "ok flushed %d" % self.flush(port=port)
             if cmd == "replies-clear":
                 self.clear_replies()
                 return "ok"
@@ -414,7 +498,9 @@ class ServerSim:
             parts = []
             for p in self._ports.values():
                 mode = p.mode + ("" if p.arg is None else " " + str(_printable(p.arg)))
-                parts.append("%s:%d %s conns=%d" % (p.name, p.port, mode, len(p.conns)))
+                held = sum(len(c.held) for c in p.conns.values())
+                parts.append("%s:%d %s conns=%d%s" % (p.name, p.port, mode, len(p.conns),
+                                                      " held=%d" % held if p.mode == "hold" or held else ""))
             parts.append("requests=%d" % len(self._records))
             return " | ".join(parts)
 
@@ -479,13 +565,41 @@ class ServerSim:
         p.fillers = []
 
     def _drop_connections(self, p, reset=False):
-        for conn in list(p.conns.values()):
+        for c in list(p.conns.values()):
+            c.held = []
             try:
                 if reset:
-                    conn.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-                conn.shutdown(socket.SHUT_RDWR)
+                    c.sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+                c.sock.shutdown(socket.SHUT_RDWR)
             except OSError:
                 pass
+
+    def _flush_port(self, p):
+        """Write each connection's held answers with one send call (under the
+        simulator lock: the connections cannot go away meanwhile)."""
+        sent = 0
+        for c in list(p.conns.values()):
+            held, c.held = c.held, []
+            if held and c.write(b"".join(held)):
+                sent += len(held)
+        return sent
+
+    def _later(self, seconds, c, *parts):
+        """Write `parts` on connection `c` after `seconds`, from a timer."""
+        def fire():
+            with self._lock:
+                if t in self._timers:
+                    self._timers.remove(t)
+                if self._stopping:
+                    return
+            c.write(*parts)
+        t = threading.Timer(seconds, fire)
+        t.daemon = True
+        with self._lock:
+            if self._stopping:
+                return
+            self._timers.append(t)
+        t.start()
 
     def _accept_loop(self, p, listener):
         while True:
@@ -514,15 +628,16 @@ class ServerSim:
                                  "peer": peer_text, "conn": cid})
                     continue
                 conn.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-                p.conns[cid] = conn
-                t = threading.Thread(target=self._serve, args=(p, conn, peer_text, cid),
+                p.conns[cid] = _Conn(conn, cid)
+                t = threading.Thread(target=self._serve, args=(p, p.conns[cid], peer_text, cid),
                                      daemon=True, name="srv-conn-%d" % cid)
                 self._threads.append(t)
             self._event({"event": "connect", "port": p.port, "port_name": p.name,
                          "peer": peer_text, "conn": cid})
             t.start()
 
-    def _serve(self, p, conn, peer, cid):
+    def _serve(self, p, c, peer, cid):
+        conn = c.sock
         buf = b""
         closed_by = "peer"
         try:
@@ -548,13 +663,15 @@ class ServerSim:
                     req, buf = self._take_request(buf, p, peer, cid)
                     if req is None:
                         break
-                    keep = self._answer(p, conn, req)
+                    keep = self._answer(p, c, req)
                 if not keep:
                     closed_by = "server"
                     break
         finally:
             with self._lock:
                 p.conns.pop(cid, None)
+            with c.wlock:
+                c.closed = True
             try:
                 conn.close()
             except OSError:
@@ -592,33 +709,33 @@ class ServerSim:
         }
 
     def _reply_for(self, p, req):
-        """(bytes to send or None, printable form) for one request."""
+        """(bytes to send or None, printable form, delay in ms or None) for one request."""
         with self._lock:
             mode, arg = p.mode, p.arg
             if mode in ("silent", "blackhole"):
-                return None, None
+                return None, None, None
             if mode == "garbage":
                 data = arg if arg is not None else DEFAULT_GARBAGE
-                return data, _printable(data)
+                return data, _printable(data), None
             session = req["session_header"]
             if mode == "code":
                 body = _json_text({"code": arg})
-                return http_reply(body, session), body
-            reply, reply_session = self._rule_reply(req)
+                return http_reply(body, session), body, None
+            reply, reply_session, delay_ms = self._rule_reply(req)
         if callable(reply):
             reply = reply(req)
         if reply is None:
-            return None, None
+            return None, None, None
         if reply_session is not None:
             session = str(reply_session)
         if isinstance(reply, (bytes, bytearray)):
-            return bytes(reply), _printable(bytes(reply))
+            return bytes(reply), _printable(bytes(reply)), delay_ms
         if mode == "oversize":
             obj = dict(reply) if isinstance(reply, dict) else dict(FALLBACK_REPLY)
             obj["pad"] = "x" * arg
             reply = obj
         body = reply if isinstance(reply, str) else _json_text(reply)
-        return http_reply(body, session), body
+        return http_reply(body, session), body, delay_ms
 
     def _rule_reply(self, req):
         for rule in reversed(self._rules):
@@ -630,15 +747,17 @@ class ServerSim:
                 rule["times"] -= 1
                 if rule["times"] <= 0:
                     self._rules.remove(rule)
-            return rule["reply"], rule["reply_session"]
-        return DEFAULT_REPLIES.get(_path_only(req["path"]), FALLBACK_REPLY), None
+            return rule["reply"], rule["reply_session"], rule.get("delay_ms")
+        return DEFAULT_REPLIES.get(_path_only(req["path"]), FALLBACK_REPLY), None, None
 
-    def _answer(self, p, conn, req):
+    def _answer(self, p, c, req):
         """Record and answer one request; False when the connection must end."""
         mode, arg = p.mode, p.arg
-        data, shown = self._reply_for(p, req)
+        data, shown, delay_ms = self._reply_for(p, req)
         req["mode"] = mode
         req["reply"] = shown
+        if data is not None and delay_ms:
+            req["delay_ms"] = delay_ms
         if self._save_bodies and req["body_len"]:
             with self._lock:
                 self._body_seq += 1
@@ -652,21 +771,35 @@ class ServerSim:
         if mode == "slow":
             deadline = time.monotonic() + arg / 1000.0
             while time.monotonic() < deadline:
-                if self._stopping or conn.fileno() < 0:
+                if self._stopping or c.closed:
                     return False
                 time.sleep(min(0.05, max(0.0, deadline - time.monotonic())))
-        try:
-            conn.sendall(data)   # one write: the agent reads one reply per read
-        except OSError:
+        if mode == "hold":
+            with self._lock:
+                if p.mode == "hold":       # not flushed away meanwhile
+                    c.held.append(data)
+                    return True
+        if delay_ms:
+            self._later(delay_ms / 1000.0, c, data)
+            if mode == "duplicate":
+                self._later((delay_ms + arg) / 1000.0, c, data)
+            return True
+        if mode == "split":
+            head, sep, body = data.partition(b"\r\n\r\n")
+            parts = (head + sep, body) if sep and body else (data,)
+            # one write per part: the agent reads one reply per read
+            return c.write(*parts, gap=arg / 1000.0)
+        if not c.write(data):   # one write: the agent reads one reply per read
             return False
+        if mode == "duplicate":
+            self._later(arg / 1000.0, c, data)
         if mode == "closing":
             try:
-                conn.shutdown(socket.SHUT_RDWR)
+                c.sock.shutdown(socket.SHUT_RDWR)
             except OSError:
                 pass
             return False
         return True
-
 
 
 
@@ -680,6 +813,14 @@ def _printable(v):
         return bytes(v).decode("utf-8", "backslashreplace")
     return v
 
+
+
+def _delay_option(text):
+    """(delay in ms or None, rest) for an optional leading "delay=MS" word."""
+    words = text.strip().split(None, 1)
+    if words and words[0].startswith("delay="):
+        return int(words[0][len("delay="):]), (words[1] if len(words) > 1 else "")
+    return None, text
 
 
 def _reply_arg(text):

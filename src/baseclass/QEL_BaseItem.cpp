@@ -1,18 +1,28 @@
 #include "QEL_BaseItem.h"
 
 #include <QDebug>
-#include <QMutexLocker>
 
 #include <glog/logging.h>
 
 #include "CHttpBase.h"
-#include "NetWorkConsole.h"
 #include "QEL_BaseSocket.h"
 #include "QEL_BaseThread.h"
-#include "globals.h"
+#include "QEL_ItemHost.h"
+#include "ThreadCheck.h"
 
 namespace {
 const int kSendWriteWaitMs = 30000;
+QEL_ItemHost* gHost = nullptr;
+}  // namespace
+
+QEL_ItemHost* itemHost()
+{
+    return gHost;
+}
+
+void setItemHost(QEL_ItemHost* host)
+{
+    gHost = host;
 }
 
 QEL_BaseItem::QEL_BaseItem(QObject* parent)
@@ -31,8 +41,8 @@ QEL_BaseItem::~QEL_BaseItem()
 
 RetError QEL_BaseItem::Item_Init()
 {
-    socket = gConsole->socketInfo;
-    thread = gConsole->threadInfo;
+    socket = itemHost()->infoSocket();
+    thread = itemHost()->infoThread();
     return RET_OK;
 }
 
@@ -63,23 +73,23 @@ void QEL_BaseItem::Item_fromApplication(const QString& body)
 
 RetError QEL_BaseItem::Item_addToSendQueue(const QStringList& list)
 {
+    QEL_ASSERT_MAIN_THREAD();
     if (list.isEmpty())
         return RET_NOTHING;
     if (!canSend())
         return RET_NOTHING;
-    {
-        QMutexLocker g(thread->lock);
-        thread->queue.append(list);
-    }
+    thread->queue.append(list);
 
-    if (!thread->isSending() && !socket->connected) {
-        // Reconnect first; the thread starts when the attempt has ended.
+    if (!socket->connected || !socket->isQel()) {
+        // Queueing while the link is down asks for it at once (within the
+        // back-off); the thread starts when the attempt has ended.
         QEL_BaseThread* t = thread;
+        const bool idle = !t->isSending();
         socket->requestConnect(
             QEL_BaseSocket::ConnectWhen::Backoff,
-            [t](bool ok) {
-                if (!ok)
-                    gConsole->reportLinkLost();
+            [t, idle](bool ok) {
+                if (!ok && idle)
+                    itemHost()->reportLinkLost();
                 t->startSend();
             },
             QString("queue:%1").arg(reinterpret_cast<quintptr>(t)));
@@ -89,23 +99,32 @@ RetError QEL_BaseItem::Item_addToSendQueue(const QStringList& list)
     return RET_OK;
 }
 
-RetError QEL_BaseItem::Item_NetSendOperate(const QString& request)
+bool QEL_BaseItem::writeRequest(const QString& request)
 {
     qDebug().noquote() << QString("oxa send normal") + QString(105, QChar('-'));
     qDebug().noquote() << QString("\"%1\"").arg(request);
+    if (!socket->connected)
+        return false;
+    const bool locked = socket->socket_lock();
+    const int n = number;
+    // Logged by the main thread as it writes, so the line always comes
+    // before the answer's.
+    const QEL_BaseSocket::WriteResult r = socket->writeAndWait(request.toUtf8(), kSendWriteWaitMs, [n] {
+        LOG(INFO) << "send:" << n << "(info write to socket alread)";
+    });
+    if (locked)
+        socket->socket_unlock();
+    if (r != QEL_BaseSocket::WriteResult::NotConnected)
+        return true;
+    // Regarded as connected but it is not: from now on it is not.
+    socket->connected = false;
+    return false;
+}
 
-    if (socket->connected) {
-        const bool locked = socket->socket_lock();
-        const QEL_BaseSocket::WriteResult r = socket->writeAndWait(request.toUtf8(), kSendWriteWaitMs);
-        if (locked)
-            socket->socket_unlock();
-        if (r != QEL_BaseSocket::WriteResult::NotConnected) {
-            LOG(INFO) << "send:" << number << "(info write to socket alread)";
-            return RET_OK;
-        }
-        // Regarded as connected but it is not: from now on it is not.
-        socket->connected = false;
-    }
+RetError QEL_BaseItem::Item_NetSendOperate(const QString& request)
+{
+    if (writeRequest(request))
+        return RET_OK;
     LOG(INFO) << "send:" << number << "(ERR_NetNoConnect send without connected)";
     emit sigNoConnected();
     return ERR_NetNoConnect;
@@ -116,49 +135,27 @@ RetError QEL_BaseItem::Item_NetRecvOperate(const QString& body)
     QString value;
     CHttpBase::getBuffItem(body, "code", value);
     const char* result = (value == "0" || value == "\"0\"") ? "-- success --" : "-- fail --";
-
-    {
-        QMutexLocker g(thread->lock);
-        if (!thread->queue.isEmpty()) {
-            QStringList lines;
-            CHttpBase::getHeadList(thread->queue.first(), lines);
-            if (CHttpBase::getType(lines) == number)
-                thread->queue.removeFirst();
-        }
-    }
-    thread->counter = -1;
+    // Only the request in flight is removed: a duplicated or late answer
+    // finds nothing of this item in flight and removes nothing.
+    thread->queue.acknowledge(number);
     LOG(INFO) << "recv:" << number << "(result:" << result << ")";
     thread->goThrough();
     return RET_OK;
 }
 
-QString QEL_BaseItem::takeHeadIf(const QString& request)
-{
-    QMutexLocker g(thread->lock);
-    if (!thread->queue.isEmpty() && thread->queue.first() == request)
-        return thread->queue.takeFirst();
-    return QString();
-}
-
 RetError QEL_BaseItem::Item_NetErrorOperate(RetError, const QString& request)
 {
-    // Taken out under the queue lock, stored after it is released: storing
-    // goes through the console, which takes the same lock.
-    const QString given = takeHeadIf(request);
-    if (!given.isNull())
-        gConsole->saveWithOutSend(given);
-    thread->counter = -1;
+    // Out of the queue; its copy in the failure history stays there, so the
+    // next start sends it again.
+    thread->queue.giveUp(request);
+    thread->queue.resetAttempts();
     return RET_OK;
 }
 
 void QEL_BaseItem::Item_CloseSocket()
 {
-    {
-        QMutexLocker g(thread->lock);
-        if (!thread->queue.isEmpty())
-            return;
-    }
-    // Not under the queue lock: closing may emit signals whose handlers take it.
+    if (!thread->queue.isEmpty())
+        return;
     socket->disconnectFromHost();
 }
 
@@ -183,7 +180,5 @@ RetError QEL_ItemNone::Item_Init()
 
 RetError QEL_ItemNone::Item_NetErrorOperate(RetError, const QString&)
 {
-    if (thread != nullptr)
-        thread->counter = -1;
     return RET_OK;
 }

@@ -57,6 +57,10 @@ public slots:
     void SlotReConnecting();
 
 protected:
+    // Has the main thread write `request` on this item's socket. False when
+    // the socket is not (or turned out not to be) connected.
+    bool writeRequest(const QString& request);
+
     // Builds the request for an application text on a fresh builder, leaving
     // the item's own builder (and the request it holds) untouched.
     template <class Builder>
@@ -67,9 +71,6 @@ protected:
         out = builder.getHttp();
         return RET_OK;
     }
-
-    // Takes the head of the queue out if it is still `request`.
-    QString takeHeadIf(const QString& request);
 };
 
 // A member of the item family that binds nothing and sends nothing.

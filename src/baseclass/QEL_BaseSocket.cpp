@@ -10,25 +10,22 @@
 #include <glog/logging.h>
 
 #include "CHttpBase.h"
-#include "NetWorkConsole.h"
-#include "QEL_SQLConf.h"
 #include "RetError.h"
-#include "globals.h"
+#include "ThreadCheck.h"
 
 namespace {
 const int kReadChunk = 2048;
-const int kConnectTimeoutMs = 5000;
-const int kBackoffFirstMs = 1000;
-const int kBackoffMaxMs = 30000;
 const int kSocketLockWaitMs = 60000;
 }  // namespace
 
+// One worker's wait for the main thread's write (or connection attempt).
 struct QEL_BaseSocket::WriteTicket
 {
     std::mutex m;
     std::condition_variable cv;
     bool done = false;
     WriteResult result = WriteResult::TimedOut;
+    std::function<void()> onWritten;
 
     void finish(WriteResult r)
     {
@@ -41,14 +38,34 @@ struct QEL_BaseSocket::WriteTicket
         }
         cv.notify_all();
     }
+
+    WriteResult wait(int timeoutMs)
+    {
+        std::unique_lock<std::mutex> g(m);
+        cv.wait_for(g, std::chrono::milliseconds(timeoutMs), [this] { return done; });
+        return done ? result : WriteResult::TimedOut;
+    }
 };
 
 QEL_BaseSocket::QEL_BaseSocket(QObject* parent)
     : QTcpSocket(parent)
     , lock_(new QMutex)
+    , reconnector_(QEL_Reconnector::Hooks{
+                       [this] { return state() == QAbstractSocket::ConnectedState; },
+                       [this] {
+                           if (state() != QAbstractSocket::UnconnectedState) {
+                               readAll();      // belongs to the old connection
+                               abort();
+                           }
+                       },
+                       [this] {
+                           connectToHost(host, static_cast<quint16>(port.toInt(nullptr, 10)),
+                                         QIODevice::ReadWrite);
+                       }},
+                   this)
 {
     reserved = 0;
-    setPeer("NONE", gConfig->serverip_info, gConfig->serverport_info);
+    setPeer("NONE", QString(), QString());
     setReadBufferSize(kReadChunk);
 
     connect(this, &QTcpSocket::connected, this, &QEL_BaseSocket::SlotConnected);
@@ -59,25 +76,23 @@ QEL_BaseSocket::QEL_BaseSocket(QObject* parent)
     // Connection bookkeeping runs after the slots above, so the connect and
     // disconnect log lines come before an attempt's outcome is acted on.
     connect(this, &QTcpSocket::connected, this, [this] {
-        if (attemptInProgress_)
-            finishAttempt(true);
+        wasUp_ = true;
+        reconnector_.attemptEnded(true);
+        emit sigUp();
     });
     connect(this, &QAbstractSocket::stateChanged, this, [this](QAbstractSocket::SocketState s) {
         if (s != QAbstractSocket::UnconnectedState)
             return;
         failPendingWrites();
-        if (attemptInProgress_)
-            finishAttempt(false);
+        framer_.reset();
+        reconnector_.attemptEnded(false);
+        if (wasUp_) {
+            wasUp_ = false;
+            emit sigDown();
+        }
     });
     connect(this, &QIODevice::bytesWritten, this, &QEL_BaseSocket::onBytesWritten);
-
-    retryTimer_.setSingleShot(true);
-    connect(&retryTimer_, &QTimer::timeout, this, &QEL_BaseSocket::beginAttempt);
-    attemptTimer_.setSingleShot(true);
-    connect(&attemptTimer_, &QTimer::timeout, this, [this] {
-        if (attemptInProgress_)
-            abort();    // the state change ends the attempt as failed
-    });
+    connect(&reconnector_, &QEL_Reconnector::attemptFinished, this, &QEL_BaseSocket::onAttemptFinished);
 }
 
 void QEL_BaseSocket::setPeer(const QString& socketName, const QString& peerHost, const QString& peerPort)
@@ -91,6 +106,9 @@ void QEL_BaseSocket::setPeer(const QString& socketName, const QString& peerHost,
 
 QEL_BaseSocket::~QEL_BaseSocket()
 {
+    failPendingWrites();
+    for (PendingWrite& p : deferred_)
+        p.ticket->finish(WriteResult::NotConnected);
     delete lock_;
 }
 
@@ -130,7 +148,7 @@ void QEL_BaseSocket::SlotError(QAbstractSocket::SocketError error)
 {
     if (error != QAbstractSocket::SocketTimeoutError && error != QAbstractSocket::NetworkError)
         return;
-    gConsole->reportLinkLost();
+    emit sigLinkLost();
 }
 
 void QEL_BaseSocket::SlotRecvData()
@@ -139,16 +157,17 @@ void QEL_BaseSocket::SlotRecvData()
         const QByteArray chunk = read(kReadChunk);
         if (chunk.isEmpty())
             break;
-        handleReply(chunk);
+        for (const QByteArray& reply : framer_.feed(chunk))
+            handleReply(reply);
     }
 }
 
-void QEL_BaseSocket::handleReply(const QByteArray& chunk)
+void QEL_BaseSocket::handleReply(const QByteArray& reply)
 {
     qDebug().noquote() << QString("oxa recv normal") + QString(135, QChar('-'));
     // The text ends at the first zero byte, and never past the bytes read.
-    const int len = static_cast<int>(strnlen(chunk.constData(), static_cast<size_t>(chunk.size())));
-    const QString text = QString::fromUtf8(chunk.constData(), len);
+    const int len = static_cast<int>(strnlen(reply.constData(), static_cast<size_t>(reply.size())));
+    const QString text = QString::fromUtf8(reply.constData(), len);
     qDebug().noquote() << text;
 
     QStringList lines;
@@ -157,86 +176,65 @@ void QEL_BaseSocket::handleReply(const QByteArray& chunk)
     QString body;
     CHttpBase::getBuffString(text, body);
     if (number != 0)
-        gConsole->routeReply(number, body);
+        emit sigReply(number, body);
 }
 
 // ---- connecting -----------------------------------------------------------
 
-int reconnectDelayMs(int failures)
+void QEL_BaseSocket::requestConnect(ConnectWhen when, ConnectDone done, const QString& key, bool force)
 {
-    if (failures <= 0)
-        return 0;
-    const int shift = failures - 1 < 5 ? failures - 1 : 5;
-    const int delay = kBackoffFirstMs << shift;
-    return delay < kBackoffMaxMs ? delay : kBackoffMaxMs;
+    reconnector_.request(when, std::move(done), key, force);
 }
 
-void QEL_BaseSocket::requestConnect(ConnectWhen when, ConnectDone done, const QString& key)
+bool QEL_BaseSocket::connectAndWait(int timeoutMs)
 {
-    if (done) {
-        bool joined = false;
-        if (!key.isEmpty()) {
-            for (const Waiter& w : waiters_)
-                if (w.key == key)
-                    joined = true;
-        }
-        if (!joined)
-            waiters_.push_back(Waiter{key, std::move(done)});
-    }
-    if (attemptInProgress_)
-        return;
-    if (retryTimer_.isActive() && when == ConnectWhen::Backoff)
-        return;
-    // Always begin from the event loop, never inside the caller's stack.
-    retryTimer_.start(when == ConnectWhen::Now ? 0 : reconnectDelayMs(failures_));
+    auto ticket = std::make_shared<WriteTicket>();
+    QMetaObject::invokeMethod(
+        this,
+        [this, ticket] {
+            if (isQel()) {
+                ticket->finish(WriteResult::Written);
+                return;
+            }
+            requestConnect(ConnectWhen::Now, [ticket](bool ok) {
+                ticket->finish(ok ? WriteResult::Written : WriteResult::NotConnected);
+            });
+        },
+        Qt::QueuedConnection);
+    return ticket->wait(timeoutMs) == WriteResult::Written;
 }
 
-void QEL_BaseSocket::beginAttempt()
+void QEL_BaseSocket::onAttemptFinished(bool)
 {
-    if (state() != QAbstractSocket::UnconnectedState) {
-        readAll();              // whatever is buffered belongs to the old connection
-        abort();
-    }
-    attemptInProgress_ = true;
-    attemptTimer_.start(kConnectTimeoutMs);
-    connectToHost(host, static_cast<quint16>(port.toInt(nullptr, 10)), QIODevice::ReadWrite);
-}
-
-void QEL_BaseSocket::finishAttempt(bool ok)
-{
-    attemptInProgress_ = false;
-    attemptTimer_.stop();
-    if (ok)
-        failures_ = 0;
-    else if (failures_ < 16)
-        ++failures_;
-
+    // Writes that waited for the attempt go now, or fail if it failed.
     std::vector<PendingWrite> deferred;
     deferred.swap(deferred_);
     for (PendingWrite& p : deferred)
         startWrite(p.ticket, p.data);
-
-    std::vector<Waiter> waiters;
-    waiters.swap(waiters_);
-    for (Waiter& w : waiters)
-        w.done(ok);
 }
 
 // ---- writing --------------------------------------------------------------
 
-QEL_BaseSocket::WriteResult QEL_BaseSocket::writeAndWait(const QByteArray& data, int timeoutMs)
+QEL_BaseSocket::WriteResult QEL_BaseSocket::writeAndWait(const QByteArray& data, int timeoutMs,
+                                                         std::function<void()> onWritten)
 {
     auto ticket = std::make_shared<WriteTicket>();
+    ticket->onWritten = std::move(onWritten);
     QMetaObject::invokeMethod(
         this, [this, ticket, data] { startWrite(ticket, data); }, Qt::QueuedConnection);
-    std::unique_lock<std::mutex> g(ticket->m);
-    ticket->cv.wait_for(g, std::chrono::milliseconds(timeoutMs), [&] { return ticket->done; });
-    return ticket->done ? ticket->result : WriteResult::TimedOut;
+    return ticket->wait(timeoutMs);
 }
 
 void QEL_BaseSocket::startWrite(const std::shared_ptr<WriteTicket>& ticket, const QByteArray& data)
 {
-    if (attemptInProgress_) {
+    QEL_ASSERT_MAIN_THREAD();
+    {
+        // A writer that has given up waiting must not have its bytes sent late.
+        std::lock_guard<std::mutex> g(ticket->m);
+        if (ticket->done)
+            return;
+    }
+    if (reconnector_.attempting()) {
         deferred_.push_back(PendingWrite{ticket, data, 0});
         return;
     }
@@ -244,6 +242,8 @@ void QEL_BaseSocket::startWrite(const std::shared_ptr<WriteTicket>& ticket, cons
         ticket->finish(WriteResult::NotConnected);
         return;
     }
+    if (ticket->onWritten)
+        ticket->onWritten();
     if (bytesFlushed_ >= bytesQueued_)
         ticket->finish(WriteResult::Written);
     else
@@ -252,6 +252,7 @@ void QEL_BaseSocket::startWrite(const std::shared_ptr<WriteTicket>& ticket, cons
 
 bool QEL_BaseSocket::writeNow(const QByteArray& data)
 {
+    QEL_ASSERT_MAIN_THREAD();
     if (state() != QAbstractSocket::ConnectedState)
         return false;
     const qint64 n = write(data);
@@ -282,10 +283,10 @@ void QEL_BaseSocket::failPendingWrites()
 
 // ---- the two server sockets --------------------------------------------------
 
-QEL_SocketInfo::QEL_SocketInfo(QObject* parent)
+QEL_SocketInfo::QEL_SocketInfo(QObject* parent, const QString& peerHost, const QString& peerPort)
     : QEL_BaseSocket(parent)
 {
-    setPeer("INFO", gConfig->serverip_info, gConfig->serverport_info);
+    setPeer("INFO", peerHost, peerPort);
 }
 
 int QEL_SocketInfo::Init()
@@ -297,8 +298,8 @@ int QEL_SocketInfo::Init()
     return isQel() ? 0 : ERR_NetNoConnect;
 }
 
-QEL_SocketFile::QEL_SocketFile(QObject* parent)
+QEL_SocketFile::QEL_SocketFile(QObject* parent, const QString& peerHost, const QString& peerPort)
     : QEL_BaseSocket(parent)
 {
-    setPeer("FILE", gConfig->serverip_file, gConfig->serverport_file);
+    setPeer("FILE", peerHost, peerPort);
 }

@@ -2,25 +2,24 @@
 
 #include <QByteArray>
 #include <QHostAddress>
-#include <QList>
 #include <QMutex>
 #include <QString>
 #include <QTcpSocket>
-#include <QTimer>
 #include <atomic>
 #include <functional>
 #include <memory>
 #include <vector>
 
+#include "QEL_Reconnector.h"
+#include "ReplyFramer.h"
+
 // One TCP connection of the agent (server INFO and FILE ports, and the local
 // application link). The object lives in the main thread and every Qt call on
-// it is made there: connecting is asynchronous with a 5 s bound, and worker
-// threads hand their writes to the main thread (writeAndWait) instead of
-// touching the socket themselves.
-// Delay before the next connection attempt after `failures` failed ones in a
-// row: none after a success, then 1 s doubling up to 30 s.
-int reconnectDelayMs(int failures);
-
+// it is made there. Its jobs are kept apart:
+//   - connecting: QEL_Reconnector (one bounded attempt at a time, back-off);
+//   - writes from worker threads: handed to the main thread (writeAndWait);
+//   - replies: cut by ReplyFramer and announced with sigReply;
+//   - link loss: announced with sigLinkLost / sigDown, never acted on here.
 class QEL_BaseSocket : public QTcpSocket
 {
     Q_OBJECT
@@ -35,24 +34,23 @@ public:
     // Main thread only: true exactly when the socket is in the connected state.
     bool isQel() const;
 
-    enum class ConnectWhen {
-        Now,        // attempt at once (cancels a scheduled retry)
-        Backoff     // attempt after the current back-off delay
-    };
-    using ConnectDone = std::function<void(bool ok)>;
-    // Main thread. Drops the current connection (if any) and connects again.
-    // `done` runs when the attempt ends. Requests made while an attempt is
-    // under way or scheduled join it; waiters with the same non-empty key are
-    // called once per attempt. Consecutive failures back off 1 s, 2 s, ... 30 s.
-    void requestConnect(ConnectWhen when, ConnectDone done = {}, const QString& key = {});
-    bool connectPending() const { return attemptInProgress_ || retryTimer_.isActive(); }
+    using ConnectWhen = QEL_Reconnector::When;
+    using ConnectDone = QEL_Reconnector::Done;
+    // Main thread: see QEL_Reconnector::request.
+    void requestConnect(ConnectWhen when, ConnectDone done = {}, const QString& key = {}, bool force = false);
+    bool connectPending() const { return reconnector_.pending(); }
+    // Any thread but the main one: connect if not connected and wait for
+    // the outcome, at most `timeoutMs`.
+    bool connectAndWait(int timeoutMs);
 
     enum class WriteResult { Written, NotConnected, TimedOut };
     // Any thread but the main one: has the main thread write `data` and waits
     // until it has gone to the kernel, the socket turned out not to be
     // connected, or `timeoutMs` passed. A write asked for while a connection
-    // attempt is under way waits for that attempt's outcome.
-    WriteResult writeAndWait(const QByteArray& data, int timeoutMs);
+    // attempt is under way waits for that attempt's outcome. `onWritten`, if
+    // given, runs on the main thread as soon as the bytes are handed to the
+    // socket, before any answer to them can be read.
+    WriteResult writeAndWait(const QByteArray& data, int timeoutMs, std::function<void()> onWritten = {});
     // Main thread: write at once if connected (the heartbeat's direct write).
     bool writeNow(const QByteArray& data);
 
@@ -63,6 +61,15 @@ public:
     QHostAddress hostAddress;
     QString name;
 
+signals:
+    // A complete reply whose "SessionId" names item `number` (never 0).
+    void sigReply(int number, const QString& body);
+    // A time-out or network error: the server link is lost.
+    void sigLinkLost();
+    // The connection is established / has ended.
+    void sigUp();
+    void sigDown();
+
 public slots:
     virtual void SlotConnected();
     virtual void SlotRecvData();
@@ -72,8 +79,9 @@ public slots:
 protected:
     // Name for the log lines and the peer to connect to.
     void setPeer(const QString& socketName, const QString& peerHost, const QString& peerPort);
-    // Routing of one received chunk taken as one complete reply.
-    void handleReply(const QByteArray& chunk);
+    // One reply, as the framer cut it: routed by its "SessionId".
+    void handleReply(const QByteArray& reply);
+    QEL_Reconnector& reconnector() { return reconnector_; }
 
 private:
     struct WriteTicket;
@@ -83,24 +91,16 @@ private:
         QByteArray data;
         qint64 target;
     };
-    struct Waiter
-    {
-        QString key;
-        ConnectDone done;
-    };
 
     void startWrite(const std::shared_ptr<WriteTicket>& ticket, const QByteArray& data);
     void onBytesWritten(qint64 n);
     void failPendingWrites();
-    void beginAttempt();
-    void finishAttempt(bool ok);
+    void onAttemptFinished(bool ok);
 
     QMutex* lock_;
-    bool attemptInProgress_ = false;
-    int failures_ = 0;
-    QTimer retryTimer_;
-    QTimer attemptTimer_;
-    std::vector<Waiter> waiters_;
+    QEL_Reconnector reconnector_;
+    ReplyFramer framer_;
+    bool wasUp_ = false;
     std::vector<PendingWrite> deferred_;   // asked for during a connection attempt
     std::vector<PendingWrite> inFlight_;   // written, waiting for bytesWritten
     qint64 bytesQueued_ = 0;
@@ -111,7 +111,7 @@ class QEL_SocketInfo : public QEL_BaseSocket
 {
     Q_OBJECT
 public:
-    explicit QEL_SocketInfo(QObject* parent);
+    QEL_SocketInfo(QObject* parent, const QString& host, const QString& port);
     int Init() override;
 };
 
@@ -119,5 +119,5 @@ class QEL_SocketFile : public QEL_BaseSocket
 {
     Q_OBJECT
 public:
-    explicit QEL_SocketFile(QObject* parent);
+    QEL_SocketFile(QObject* parent, const QString& host, const QString& port);
 };

@@ -6,10 +6,9 @@
 
 #include <glog/logging.h>
 
-#include "NetWorkConsole.h"
 #include "QEL_BaseItem.h"
+#include "QEL_ItemHost.h"
 #include "RetError.h"
-#include "globals.h"
 
 namespace {
 const unsigned kPauseBeforeSendUs = 50000;
@@ -17,26 +16,32 @@ const unsigned kPauseBeforeSendUs = 50000;
 
 QEL_BaseThread::QEL_BaseThread(QObject* parent)
     : QThread(parent)
-    , lock(new QMutex)
+    , queue(nullptr)
 {
 }
 
 QEL_BaseThread::~QEL_BaseThread()
 {
+    shutdown();
+}
+
+void QEL_BaseThread::shutdown()
+{
     {
-        QMutexLocker g(lock);
+        QMutexLocker g(&stateLock_);
         quit_ = true;
         startCond_.wakeAll();
     }
     goThrough();
     wait();
-    delete lock;
 }
 
 void QEL_BaseThread::startSend()
 {
     {
-        QMutexLocker g(lock);
+        QMutexLocker g(&stateLock_);
+        if (quit_)
+            return;
         startRequested_ = true;
         sending_ = true;
         startCond_.wakeOne();
@@ -47,17 +52,24 @@ void QEL_BaseThread::startSend()
 
 bool QEL_BaseThread::isSending() const
 {
-    QMutexLocker g(lock);
+    QMutexLocker g(&stateLock_);
     return sending_;
+}
+
+void QEL_BaseThread::endPass()
+{
+    QMutexLocker g(&stateLock_);
+    // A start asked for during the pass keeps the thread "running".
+    sending_ = startRequested_;
 }
 
 void QEL_BaseThread::run()
 {
     for (;;) {
         {
-            QMutexLocker g(lock);
+            QMutexLocker g(&stateLock_);
             while (!startRequested_ && !quit_)
-                startCond_.wait(lock);
+                startCond_.wait(&stateLock_);
             if (quit_)
                 return;
             startRequested_ = false;
@@ -76,6 +88,12 @@ void QEL_BaseThread::goThrough()
     wakeCond_.notify_one();
 }
 
+void QEL_BaseThread::linkDown(QEL_BaseSocket* socket)
+{
+    if (flightSocket_.load() == socket && queue.linkLost())
+        goThrough();
+}
+
 void QEL_BaseThread::clearWake()
 {
     std::lock_guard<std::mutex> g(wakeMutex_);
@@ -90,57 +108,50 @@ bool QEL_BaseThread::waitForWake(int ms)
 
 void QEL_BaseThread::drain()
 {
+    QEL_ItemHost* host = itemHost();
     for (;;) {
-        QString entry;
-        {
-            QMutexLocker g(lock);
-            if (queue.isEmpty() || quit_) {
-                counter = 0;
-                endPassLocked();
-                return;
-            }
-            entry = queue.first();
+        QEL_QueuedRequest head;
+        if (quit_ || !queue.take(head)) {
+            endPass();
+            return;
         }
 
-        const int number = gConsole->ParseTypeFromInfo(entry);
-        QEL_BaseItem* item = gConsole->routableItem(number);
-
-        if (item != nullptr && counter > 1) {
-            LOG(INFO) << "error:" << "12" << "(tims out range to send by " << number << ")";
-            item->Item_NetErrorOperate(RET_TIMEOUT, entry);
-            counter = 0;
-            continue;
-        }
-
+        QEL_BaseItem* item = host->routableItem(head.number);
         if (item == nullptr) {
             // A number that names no sending item: the text can never be
             // delivered. Only this very entry goes; the next one is innocent.
-            {
-                QMutexLocker g(lock);
-                if (!queue.isEmpty() && queue.first() == entry)
-                    queue.removeFirst();
-            }
+            queue.dropDamaged(head.id);
             LOG(INFO) << "error:" << "11" << "(damaged info)";
-            gConsole->items[0]->Item_NetErrorOperate(RET_DAMAGED, entry);
+            host->catchAllItem()->Item_NetErrorOperate(RET_DAMAGED, head.text);
+            continue;
+        }
+
+        if (queue.attempts() > 1) {
+            LOG(INFO) << "error:" << "12" << "(tims out range to send by " << head.number << ")";
+            item->Item_NetErrorOperate(RET_TIMEOUT, head.text);
             continue;
         }
 
         usleep(kPauseBeforeSendUs);
         clearWake();
-        const int result = item->Item_NetSendOperate(entry);
+        if (!queue.beginSend(head.id))
+            continue;       // answered or removed during the pause
+        flightSocket_ = item->socket;
+        const int result = item->Item_NetSendOperate(head.text);
         if (result == ERR_NetNoConnect) {
             // The entry stays at the head; the item's reconnect restarts us.
-            QMutexLocker g(lock);
-            endPassLocked();
+            queue.sendFailed(head.id);
+            endPass();
             return;
         }
-        if (result == RET_DONE) {
-            QMutexLocker g(lock);
-            if (!queue.isEmpty() && queue.first() == entry)
-                queue.removeFirst();
+        if (result == RET_GIVEN_UP) {
+            queue.sendFailed(head.id);
+            continue;
         }
+        if (result == RET_DONE)
+            queue.removeDone(head.id);
         // A time-out counts like a wake-up that brought no answer.
         waitForWake(kReplyWaitMs);
-        ++counter;
+        queue.afterWait();
     }
 }

@@ -1,15 +1,18 @@
 #pragma once
 
 #include <QMutex>
-#include <QStringList>
 #include <QThread>
 #include <QWaitCondition>
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
 
+#include "QEL_SendQueue.h"
+
+class QEL_BaseSocket;
+
 // Drains a queue of complete request texts towards the server, one request
-// in flight: send the head, wait for the reply's wake-up, go on.
+// in flight: send the head, wait for its answer, go on.
 //
 // The OS thread stays alive between bursts; startSend() begins a draining
 // pass and is never lost, even when it races with a pass that is just
@@ -25,12 +28,17 @@ public:
     void startSend();
     bool isSending() const;
 
-    // A reply has been handled: wake the waiting pass.
+    // An answer has been handled: wake the waiting pass.
     void goThrough();
+    // The connection `socket` is gone: a request in flight on it is sent
+    // again as soon as the connection is back, without counting as
+    // unanswered.
+    void linkDown(QEL_BaseSocket* socket);
 
-    QMutex* lock;                   // guards queue
-    QStringList queue;              // first in, first out; unbounded
-    std::atomic<int> counter{0};    // sends of the head without a reply
+    // Stops the thread for good (waits for the pass under way to end).
+    void shutdown();
+
+    QEL_SendQueue queue;
 
     static const int kReplyWaitMs = 30000;
 
@@ -38,18 +46,21 @@ protected:
     void run() override;
     // One pass: returns when the queue is empty or the socket is not connected.
     virtual void drain();
-    // Called by drain() under `lock` when it ends the pass.
-    void endPassLocked() { sending_ = false; }
+    bool quitting() const { return quit_; }
+    // Ends the pass (called by drain() before it returns).
+    void endPass();
 
     void clearWake();
     // Waits for goThrough() at most `ms`; false on time-out.
     bool waitForWake(int ms);
 
 private:
+    mutable QMutex stateLock_;
     QWaitCondition startCond_;
     bool startRequested_ = false;
     bool sending_ = false;
-    bool quit_ = false;
+    std::atomic<bool> quit_{false};
+    std::atomic<QEL_BaseSocket*> flightSocket_{nullptr};
 
     std::mutex wakeMutex_;
     std::condition_variable wakeCond_;

@@ -15,4 +15,5 @@ enum RetError : int {
     RET_HEART_TIMEOUT = 13,     // heartbeat not acknowledged in time
     RET_BAD_APP_JSON = 14,      // the application's JSON text is not valid
     RET_UPLOAD_REFUSED = 15,    // the server refused an uploaded archive
+    RET_GIVEN_UP = 16,          // the send step gave the request up (kept for the next start); go on
 };

@@ -15,6 +15,9 @@ GLog::GLog(const std::string& logDir, char** argv, QObject* parent)
     google::InitGoogleLogging(argv[0]);
     google::InstallFailureSignalHandler();
     google::InstallFailureWriter(SignalHandle);
+    // A machine runs for years: log files older than a week go, so the log
+    // directory stays bounded.
+    google::EnableLogCleaner(kKeepLogDays);
 }
 
 GLog::~GLog()

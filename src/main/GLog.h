@@ -10,6 +10,8 @@ class GLog : public QObject
 {
     Q_OBJECT
 public:
+    static const unsigned kKeepLogDays = 7;
+
     GLog(const std::string& logDir, char** argv, QObject* parent);
     ~GLog() override;
 };

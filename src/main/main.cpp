@@ -42,7 +42,8 @@ int main(int argc, char* argv[])
         gGlog = new GLog(gConfig->logpath.toUtf8().toStdString(), argv, &app);
         LOG(INFO) << "version:1.0.2" << " release";
         LOG(INFO) << gConfig->status.toUtf8().constData();
-        gConsole = new NetWorkConsole(&app);
+        LOG(INFO) << "log:" << "(log files older than " << GLog::kKeepLogDays << " days are removed)";
+        gConsole = new NetWorkConsole(&app, dbPath);
         gConsole->FirstInit();
         return app.exec();
     }

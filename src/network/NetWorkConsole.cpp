@@ -2,14 +2,16 @@
 
 #include <QDateTime>
 #include <QMetaObject>
-#include <QMutexLocker>
 #include <QThread>
+
+#include <glog/logging.h>
 
 #include "CHttpBase.h"
 #include "CHttp_AppBack.h"
 #include "QEL_BaseItem.h"
 #include "QEL_BaseSocket.h"
 #include "QEL_BaseThread.h"
+#include "QEL_FailStore.h"
 #include "QEL_ItemAlarmImage.h"
 #include "QEL_ItemHeartBeat.h"
 #include "QEL_ItemLoad.h"
@@ -17,24 +19,17 @@
 #include "QEL_SQLConf.h"
 #include "QEL_SimpleItems.h"
 #include "QEL_SocketInline.h"
+#include "ThreadCheck.h"
 #include "globals.h"
 
-namespace {
-
-bool onThreadOf(const QObject* o)
-{
-    return QThread::currentThread() == o->thread();
-}
-
-}  // namespace
-
-NetWorkConsole::NetWorkConsole(QObject* parent)
+NetWorkConsole::NetWorkConsole(QObject* parent, const QString& dbPath)
     : QObject(parent)
 {
     loggedIn = false;
     secondState = false;
+    setItemHost(this);
 
-    items[0] = new QEL_BaseItem(this);
+    items[0] = new QEL_ItemNone(this);
     items[1] = new QEL_ItemOperaRecord(this);
     items[2] = new QEL_ItemParamter(this);
     items[3] = new QEL_ItemLoad(this);
@@ -57,31 +52,93 @@ NetWorkConsole::NetWorkConsole(QObject* parent)
     items[20] = new QEL_ItemDetectCancle(this);
 
     socketInline = new QEL_SocketInline(parent);
-    socketFile = new QEL_SocketFile(parent);
-    socketInfo = new QEL_SocketInfo(parent);
+    socketFile = new QEL_SocketFile(parent, gConfig->serverip_file, gConfig->serverport_file);
+    socketInfo = new QEL_SocketInfo(parent, gConfig->serverip_info, gConfig->serverport_info);
+    wireServerSocket(socketFile);
+    wireServerSocket(socketInfo);
 
     threadInfo = new QEL_BaseThread(this);
     threadFile = new QEL_BaseThread(this);
     threadInline = new QEL_ThreadInLine(this);
     threadInline->setSocket(socketInline);
+    threadInfo->queue.setTypeOf(&NetWorkConsole::ParseTypeFromInfo);
+    threadFile->queue.setTypeOf(&NetWorkConsole::ParseTypeFromInfo);
+
+    // Only the INFO queue is kept in the failure history; uploads are kept
+    // as files by their items.
+    failStore = new QEL_FailStore(dbPath, this);
+    threadInfo->queue.setJournal(failStore);
+
+    auto* heart = static_cast<QEL_ItemHeartBeat*>(items[4]);
+    connect(socketInfo, &QEL_BaseSocket::sigUp, heart, &QEL_ItemHeartBeat::onLinkUp);
 }
+
+NetWorkConsole::~NetWorkConsole()
+{
+    // The send threads first: nothing may be queued or answered once the
+    // failure history has stopped.
+    threadInfo->shutdown();
+    threadFile->shutdown();
+    threadInline->shutdown();
+    failStore->stop();
+    setItemHost(nullptr);
+}
+
+void NetWorkConsole::wireServerSocket(QEL_BaseSocket* socket)
+{
+    connect(socket, &QEL_BaseSocket::sigReply, this, &NetWorkConsole::routeReply);
+    connect(socket, &QEL_BaseSocket::sigLinkLost, this, &NetWorkConsole::reportLinkLost);
+    connect(socket, &QEL_BaseSocket::sigDown, this, [this, socket] {
+        threadInfo->linkDown(socket);
+        threadFile->linkDown(socket);
+    });
+}
+
+QEL_BaseSocket* NetWorkConsole::infoSocket() { return socketInfo; }
+QEL_BaseSocket* NetWorkConsole::fileSocket() { return socketFile; }
+QEL_BaseThread* NetWorkConsole::infoThread() { return threadInfo; }
+QEL_BaseThread* NetWorkConsole::fileThread() { return threadFile; }
 
 void NetWorkConsole::FirstInit()
 {
+    // Reading the history back is the store's first job, so it sees none of
+    // the rows that this run is about to add.
+    failStore->start();
+    failStore->loadKept(QEL_SendQueue::TypeOf(&NetWorkConsole::ParseTypeFromInfo),
+                        [this](const QList<QEL_QueuedRequest>& kept) {
+                            QMetaObject::invokeMethod(
+                                this, [this, kept] { queueKept(kept); }, Qt::QueuedConnection);
+                        });
+
     socketFile->Init();
     socketInfo->Init();
     socketInline->Init();
 
     for (QEL_BaseItem* item : items)
         item->Item_Init();
+}
 
-    // Requests left over from the last run go out again like new ones; the
-    // thread picks them up the next time an item starts it.
-    const QStringList history = gConfig->initFailHistory();
-    if (!history.isEmpty()) {
-        QMutexLocker g(threadInfo->lock);
-        threadInfo->queue.append(history);
+void NetWorkConsole::queueKept(const QList<QEL_QueuedRequest>& kept)
+{
+    // Requests left over from the last run go out again like new ones. A
+    // text this run has already queued (its own login) is not sent twice:
+    // its old row is finished with.
+    QList<QEL_QueuedRequest> fresh;
+    for (const QEL_QueuedRequest& r : kept) {
+        if (threadInfo->queue.contains(r.text))
+            failStore->journalDone(r.id);
+        else
+            fresh.append(r);
     }
+    if (fresh.isEmpty())
+        return;
+    threadInfo->queue.appendKept(fresh);
+    if (!socketInfo->connected || !socketInfo->isQel()) {
+        socketInfo->requestConnect(QEL_BaseSocket::ConnectWhen::Backoff,
+                                   [this](bool) { threadInfo->startSend(); });
+        return;
+    }
+    threadInfo->startSend();
 }
 
 int NetWorkConsole::ParseTypeFromInfo(const QString& text)
@@ -114,13 +171,14 @@ QEL_BaseItem* NetWorkConsole::routableItem(int number) const
 
 void NetWorkConsole::routeReply(int number, const QString& body)
 {
+    QEL_ASSERT_MAIN_THREAD();
     if (QEL_BaseItem* item = routableItem(number))
         item->Item_NetRecvOperate(body);
 }
 
 void NetWorkConsole::sendInfoToInline(const QString& text)
 {
-    if (!onThreadOf(this)) {
+    if (QThread::currentThread() != thread()) {
         QMetaObject::invokeMethod(this, [this, text] { sendInfoToInline(text); }, Qt::QueuedConnection);
         return;
     }
@@ -138,51 +196,35 @@ void NetWorkConsole::sendInfoToInline(const QString& text)
             held.swap(inlineHeld_);
             if (!ok)
                 return;     // the application is not there: the texts are dropped
-            {
-                QMutexLocker g(threadInline->lock);
-                threadInline->queue.append(held);
-            }
+            threadInline->queue.append(held);
             threadInline->startSend();
         });
         return;
     }
 
-    {
-        QMutexLocker g(threadInline->lock);
-        threadInline->queue.append(text);
-    }
+    threadInline->queue.append(QStringList() << text);
     threadInline->startSend();
-}
-
-QStringList NetWorkConsole::snapshotInfoQueue() const
-{
-    QMutexLocker g(threadInfo->lock);
-    return threadInfo->queue;
 }
 
 void NetWorkConsole::saveWithOutSend()
 {
-    gConfig->storeFailTexts(snapshotInfoQueue(), false);
+    // Every queued request already has its row (or is on its way to it).
 }
 
 void NetWorkConsole::saveWithOutSend(const QString& text)
 {
-    const qint64 when = QDateTime::currentMSecsSinceEpoch();
-    if (!onThreadOf(this)) {
-        QMetaObject::invokeMethod(
-            this, [text, when] { gConfig->insertOnceItem(text, when); }, Qt::QueuedConnection);
-        return;
-    }
-    gConfig->insertOnceItem(text, when);
+    failStore->keepText(text, QDateTime::currentMSecsSinceEpoch());
 }
 
 void NetWorkConsole::refreshFailHistory()
 {
-    gConfig->storeFailTexts(snapshotInfoQueue(), true);
+    QEL_ASSERT_MAIN_THREAD();
+    failStore->check();
 }
 
 void NetWorkConsole::reportLinkLost()
 {
+    QEL_ASSERT_MAIN_THREAD();
     CHttp_AppBack back;
     const QString notice = back.BackReline();
     saveWithOutSend();

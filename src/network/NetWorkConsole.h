@@ -5,22 +5,29 @@
 #include <QStringList>
 #include <atomic>
 
+#include "QEL_ItemHost.h"
+
 class QEL_BaseItem;
 class QEL_BaseThread;
+class QEL_FailStore;
 class QEL_SocketFile;
 class QEL_SocketInfo;
 class QEL_SocketInline;
 class QEL_ThreadInLine;
 
 // Wires the agent together: the three connections, the send threads, the
-// application-link writer and the 21 items, indexed by message type.
-class NetWorkConsole : public QObject
+// application-link writer, the failure history and the 21 items, indexed by
+// message type. The sockets only announce replies and lost links; what
+// follows is decided here.
+class NetWorkConsole : public QObject, public QEL_ItemHost
 {
     Q_OBJECT
 public:
     static const int kItemCount = 21;
 
-    explicit NetWorkConsole(QObject* parent);
+    // `dbPath`: the configuration database, which also holds the failure history.
+    NetWorkConsole(QObject* parent, const QString& dbPath);
+    ~NetWorkConsole() override;
 
     void FirstInit();
 
@@ -28,20 +35,27 @@ public:
     static int ParseTypeFromTrig(const QString& path);
 
     // Any thread: queue a text for the application.
-    void sendInfoToInline(const QString& text);
-    // Main thread: store every request queued for the INFO send thread.
+    void sendInfoToInline(const QString& text) override;
+    // The INFO queue is kept in the failure history as it changes: storing
+    // it all again is never needed, so there is nothing left to do here.
     void saveWithOutSend();
-    // Any thread: store one request text (time-stamped when asked).
+    // Any thread: keep one request text for the next start.
     void saveWithOutSend(const QString& text);
-    // Main thread: the 30 s rewrite of the failure history from the queue.
+    // Main thread: the 30 s look at the failure history.
     void refreshFailHistory();
-    // Main thread: the server link is lost: keep the queue, tell the application.
-    void reportLinkLost();
+    // Main thread: the server link is lost: tell the application.
+    void reportLinkLost() override;
 
     // Main thread: hand a reply to the item it names, if that item can take one.
     void routeReply(int number, const QString& body);
     // The item that may send or receive for `number`, or null (0, 9, out of range).
-    QEL_BaseItem* routableItem(int number) const;
+    QEL_BaseItem* routableItem(int number) const override;
+    QEL_BaseItem* catchAllItem() const override { return items[0]; }
+
+    QEL_BaseSocket* infoSocket() override;
+    QEL_BaseSocket* fileSocket() override;
+    QEL_BaseThread* infoThread() override;
+    QEL_BaseThread* fileThread() override;
 
     QEL_SocketFile* socketFile = nullptr;
     QEL_SocketInfo* socketInfo = nullptr;
@@ -49,14 +63,15 @@ public:
     QEL_BaseThread* threadInfo = nullptr;
     QEL_BaseThread* threadFile = nullptr;
     QEL_ThreadInLine* threadInline = nullptr;
+    QEL_FailStore* failStore = nullptr;
     QEL_BaseItem* items[kItemCount] = {};
 
     std::atomic<bool> loggedIn{false};
     std::atomic<bool> secondState{false};   // read by the alarm-image item; never set
 
 private:
-    void storeTexts(const QStringList& texts, bool replace);
-    QStringList snapshotInfoQueue() const;
+    void wireServerSocket(QEL_BaseSocket* socket);
+    void queueKept(const QList<struct QEL_QueuedRequest>& kept);
 
     QStringList inlineHeld_;    // texts waiting for the application link to come up
 };

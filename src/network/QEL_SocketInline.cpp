@@ -1,6 +1,5 @@
 #include "QEL_SocketInline.h"
 
-#include <QMutexLocker>
 #include <cstring>
 
 #include <glog/logging.h>
@@ -21,6 +20,14 @@ QEL_SocketInline::QEL_SocketInline(QObject* parent)
 {
     setPeer("INLINE", "127.0.0.1", "8890");
     setReadBufferSize(kInlineReadBuffer);
+
+    // The application may restart at any time: the link comes back by
+    // itself, 1 s to 5 s apart while the application is away.
+    connect(this, &QEL_BaseSocket::sigDown, this, [this] { requestConnect(ConnectWhen::Backoff); });
+    connect(&reconnector(), &QEL_Reconnector::attemptFinished, this, [this](bool ok) {
+        if (!ok)
+            requestConnect(ConnectWhen::Backoff);
+    });
 }
 
 int QEL_SocketInline::Init()
@@ -96,20 +103,15 @@ void QEL_ThreadInLine::setSocket(QEL_BaseSocket* socket)
 void QEL_ThreadInLine::drain()
 {
     for (;;) {
-        QString text;
-        {
-            QMutexLocker g(lock);
-            // Link down: the texts stay queued for the next start.
-            if (queue.isEmpty() || !socket_->connected) {
-                endPassLocked();
-                return;
-            }
-            text = queue.first();
+        QEL_QueuedRequest head;
+        // Link down: the texts stay queued for the next start.
+        if (quitting() || !socket_->connected || !queue.take(head)) {
+            endPass();
+            return;
         }
         // Not under the queue lock: producers on the main thread must never
         // wait for the main thread's own write.
-        socket_->writeAndWait(text.toUtf8(), kInlineWriteWaitMs);
-        QMutexLocker g(lock);
-        queue.removeFirst();
+        socket_->writeAndWait(head.text.toUtf8(), kInlineWriteWaitMs);
+        queue.removeDone(head.id);
     }
 }

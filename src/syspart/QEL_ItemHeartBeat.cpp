@@ -1,7 +1,6 @@
 #include "QEL_ItemHeartBeat.h"
 
 #include <QDebug>
-#include <QMutexLocker>
 #include <QTimerEvent>
 
 #include <glog/logging.h>
@@ -73,10 +72,20 @@ void QEL_ItemHeartBeat::sendHeart()
     const QString request = http->getHttp();
     qDebug().noquote() << QString("heart") + QString(145, QChar('-'));
     qDebug().noquote() << QString("\"%1\"").arg(request);
-    socket->writeNow(request.toUtf8());
+    // Told to the application only when the heartbeat really went out.
+    if (!socket->writeNow(request.toUtf8()))
+        return;
     CHttp_AppBack back;
     gConsole->sendInfoToInline(back.BackHeart());
     LOG(INFO) << "heart:" << "(send to service and application ok)";
+}
+
+void QEL_ItemHeartBeat::onLinkUp()
+{
+    // A connection that has just come up is as good as an acknowledged
+    // heartbeat: a time-out that ran up while the server was away must not
+    // tear it down again.
+    lastHeart = QDateTime::currentDateTimeUtc();
 }
 
 RetError QEL_ItemHeartBeat::Item_NetErrorOperate(RetError error, const QString& request)
@@ -98,7 +107,7 @@ RetError QEL_ItemHeartBeat::Item_NetErrorOperate(RetError error, const QString& 
         } else {
             gConsole->reportLinkLost();
         }
-    });
+    }, QString(), true);
     return RET_OK;
 }
 
@@ -116,23 +125,10 @@ RetError QEL_ItemHeartBeat::Item_NetRecvOperate(const QString& body)
     }
     LOG(INFO) << "heart:" << "(recv heartpage back r:" << r << ")";
 
-    // The answer also releases a heartbeat text the application queued, so
-    // the INFO queue does not stall behind it.
-    bool released = false;
-    {
-        QMutexLocker g(thread->lock);
-        QStringList lines;
-        if (!thread->queue.isEmpty()) {
-            CHttpBase::getHeadList(thread->queue.first(), lines);
-            if (CHttpBase::getType(lines) == number) {
-                thread->queue.removeFirst();
-                released = true;
-            }
-        }
-    }
-    if (released) {
-        thread->counter = -1;
+    // The answer also releases a heartbeat text the application queued, if
+    // that is the request in flight, so the INFO queue does not stall
+    // behind it.
+    if (thread->queue.acknowledge(number))
         thread->goThrough();
-    }
     return RET_OK;
 }

@@ -29,6 +29,10 @@ public:
     QMap<int, QString> timers;
     QDateTime lastHeart;
 
+public slots:
+    // The INFO connection has come up.
+    void onLinkUp();
+
 protected:
     void timerEvent(QTimerEvent* event) override;
 

@@ -36,10 +36,13 @@ RetError QEL_ItemLoad::Item_NetRecvOperate(const QString& body)
     return QEL_BaseItem::Item_NetRecvOperate(body);
 }
 
-RetError QEL_ItemLoad::Item_NetErrorOperate(RetError, const QString& request)
+RetError QEL_ItemLoad::Item_NetErrorOperate(RetError error, const QString& request)
 {
-    // The login is dropped, not retried; the heartbeat stays off.
-    takeHeadIf(request);
-    thread->counter = -1;
+    if (error != RET_TIMEOUT)
+        return QEL_BaseItem::Item_NetErrorOperate(error, request);
+    // Unanswered, the login is never given up: without it the agent would
+    // not heartbeat for the rest of its life. It goes again after each wait,
+    // everything else waiting behind it; only a refusal is final.
+    thread->queue.resetAttempts();
     return RET_OK;
 }

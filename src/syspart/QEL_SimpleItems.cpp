@@ -4,11 +4,27 @@
 #include "QEL_BaseSocket.h"
 #include "globals.h"
 
+#include <glog/logging.h>
+
 RetError QEL_ItemDelTemp::Item_Init()
 {
     socket = gConsole->socketFile;
     thread = gConsole->threadInfo;
     return RET_OK;
+}
+
+RetError QEL_ItemDelTemp::Item_NetSendOperate(const QString& request)
+{
+    // The file connection is opened for this request if need be; a file
+    // server that cannot be reached must not hold up the INFO requests
+    // queued behind it, so the request is given up (kept for the next start).
+    if (!socket->connected)
+        socket->connectAndWait(kFileConnectWaitMs);
+    if (writeRequest(request))
+        return RET_OK;
+    LOG(INFO) << "send:" << number << "(ERR_NetNoConnect send without connected)";
+    Item_NetErrorOperate(RET_TIMEOUT, request);
+    return RET_GIVEN_UP;
 }
 
 RetError QEL_ItemDelTemp::Item_NetRecvOperate(const QString& body)

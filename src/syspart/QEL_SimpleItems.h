@@ -36,7 +36,10 @@ class QEL_ItemDelTemp : public QEL_SimpleItem<CHttp_DelTemp, 11>
 public:
     using QEL_SimpleItem::QEL_SimpleItem;
     RetError Item_Init() override;
+    RetError Item_NetSendOperate(const QString& request) override;
     RetError Item_NetRecvOperate(const QString& body) override;
+
+    static const int kFileConnectWaitMs = 7000;
 };
 
 // The two query items pass the server's answer on to the application.

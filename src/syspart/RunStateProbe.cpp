@@ -106,7 +106,9 @@ long long readUptimeSeconds(const QString& path)
 RunStateSample measureRunState()
 {
     const long long uptime = readUptimeSeconds();
-    RunStateSample s = parseTopOutput(QString::fromStdString(oxa_cmd("top -bn 1 -i")));
+    // Bounded in wall time: a top that hangs (a stuck /proc read) is killed,
+    // and the reports after it are measured as usual.
+    RunStateSample s = parseTopOutput(QString::fromStdString(oxa_cmd("timeout -k 1 5 top -bn 1 -i")));
     s.nearstart = uptime;
     return s;
 }

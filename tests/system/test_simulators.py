@@ -35,6 +35,28 @@ def connect(port, timeout=2.0):
     return socket.create_connection(("127.0.0.1", port), timeout=timeout)
 
 
+def reads(sock, quiet=0.4, limit=5.0):
+    """[(seconds since the call, bytes)] for each recv until `quiet` seconds
+    pass without data; on loopback, writes this far apart arrive as reads of their own."""
+    start = time.monotonic()
+    out = []
+    sock.settimeout(quiet)
+    while time.monotonic() - start < limit:
+        try:
+            data = sock.recv(65536)
+        except socket.timeout:
+            break
+        if not data:
+            break
+        out.append((time.monotonic() - start, data))
+    return out
+
+
+def sessions(data):
+    """SessionId of each reply in `data`, in order."""
+    return [int(line.split(b":")[1]) for line in data.split(b"\r\n") if line.startswith(b"SessionId:")]
+
+
 class ServerSimTest(qeltest.AgentTestCase):
 
     def test_scripted_replies_echo_session(self):
@@ -88,6 +110,138 @@ class ServerSimTest(qeltest.AgentTestCase):
                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=10)
         self.assertEqual(r.returncode, 2)
         self.assertIn("127.0.0.1 only", r.stderr)
+
+class ServerSimAnswerShapesTest(qeltest.AgentTestCase):
+    """Answers that come twice, late, held back and released together, or cut in two."""
+
+    def test_duplicate_answer_comes_again_in_a_write_of_its_own(self):
+        srv = self.server_sim()
+        srv.duplicate(300, port="info")
+        with connect(srv.info_port) as c:
+            c.sendall(request("/vmu/device/runstate", 19))
+            got = reads(c)
+        self.assertEqual(len(got), 2, got)
+        self.assertEqual(got[0][1], got[1][1])
+        self.assertEqual(sessions(got[0][1]), [19])
+        self.assertGreaterEqual(got[1][0] - got[0][0], 0.25)
+        self.assertEqual(len(srv.requests()), 1)
+
+    def test_delayed_answer_leaves_later_requests_answered_at_once(self):
+        srv = self.server_sim()
+        srv.set_reply({"code": 5}, path="/vmu/reminder/add", delay_ms=800, times=1)
+        with connect(srv.info_port) as c:
+            c.sendall(request("/vmu/reminder/add", 12) + request("/vmu/device/runstate", 19))
+            got = reads(c, quiet=1.2)
+            # the rule was used up: the next request to the path is answered at once
+            c.sendall(request("/vmu/reminder/add", 12))
+            again = reads(c)
+        self.assertEqual([sessions(d) for _, d in got], [[19], [12]])
+        self.assertLess(got[0][0], 0.3)
+        self.assertGreaterEqual(got[1][0], 0.75)
+        self.assertIn(b'{"code":5}', got[1][1])
+        self.assertEqual([sessions(d) for _, d in again], [[12]])
+        self.assertLess(again[0][0], 0.3)
+        self.assertEqual(srv.requests(session=12)[0]["delay_ms"], 800)
+
+    def test_hold_and_flush_send_each_connections_answers_in_one_write(self):
+        srv = self.server_sim()
+        srv.hold(port="info")
+        one, two = connect(srv.info_port), connect(srv.info_port)
+        with one, two:
+            one.sendall(request("/vmu/device/login", 3))
+            srv.wait_request(session=3)
+            one.sendall(request("/vmu/device/heartbeat", 4, method="GET"))
+            two.sendall(request("/vmu/device/runstate", 19))
+            srv.wait_request(count=3)
+            self.assertEqual((reads(one, 0.3), reads(two, 0.1)), ([], []))
+            self.assertEqual(srv.held(), 3)
+            self.assertIn("held=3", srv.status())
+            self.assertEqual(srv.flush(), 3)
+            first, second = reads(one), reads(two)
+            self.assertEqual([sessions(d) for _, d in first], [[3, 4]])    # one read holds both
+            self.assertEqual([sessions(d) for _, d in second], [[19]])
+            self.assertEqual(srv.mode("info"), ("hold", None))            # still holding
+            # leaving "hold" sends what is held; for "silent" it is dropped
+            for leave, want in (("normal", [[7]]), ("silent", [])):
+                with self.subTest(leave):
+                    srv.hold(port="info")
+                    one.sendall(request("/vmu/device/monitor/statistics/upload", 7))
+                    self.wait_until(lambda: srv.held() == 1, 2, "answer held")
+                    srv.set_mode(leave, port="info")
+                    self.assertEqual([sessions(d) for _, d in reads(one)], want)
+                    self.assertEqual(srv.held(), 0)
+        self.assertEqual(srv.mode("file"), ("normal", None))
+
+    def test_split_answer_head_then_body(self):
+        srv = self.server_sim()
+        srv.split(300)
+        srv.set_reply({"code": 0, "data": "值" * 10}, path="/vmu/device/initial")
+        with connect(srv.info_port) as c:
+            for _ in range(2):
+                c.sendall(request("/vmu/device/initial", 14, method="GET"))
+                got = reads(c)
+                self.assertEqual(len(got), 2, got)
+                head, body = got[0][1], got[1][1]
+                self.assertTrue(head.endswith(b"\r\n\r\n") and head.count(b"\r\n\r\n") == 1, head)
+                self.assertEqual(sessions(head), [14])
+                self.assertEqual(int(head.split(b"Content-Length: ")[1].split(b"\r\n")[0]), len(body))
+                self.assertEqual(json.loads(body.decode()), {"code": 0, "data": "值" * 10})
+                self.assertGreaterEqual(got[1][0] - got[0][0], 0.25)
+
+    def test_control_commands(self):
+        srv = self.server_sim()
+        cases = [("duplicate", "ok", {"info": ("duplicate", 10), "file": ("duplicate", 10)}),
+                 ("info duplicate 50", "ok", {"info": ("duplicate", 50), "file": ("duplicate", 10)}),
+                 ("split", "ok", {"info": ("split", 100), "file": ("split", 100)}),
+                 ("file split 20", "ok", {"info": ("split", 100), "file": ("split", 20)}),
+                 ("info hold", "ok", {"info": ("hold", None), "file": ("split", 20)}),
+                 ("flush", "ok flushed 0", {"info": ("hold", None)}),
+                 ("info flush", "ok flushed 0", {"info": ("hold", None)}),
+                 ("duplicate soon", "error:", {"info": ("hold", None)}),
+                 ("reply delay=x /a {}", "error:", {}),
+                 ("normal", "ok", {"info": ("normal", None), "file": ("normal", None)}),
+                 ('reply-once delay=400 /vmu/reminder/add {"code":7}', "ok", {}),
+                 ('reply-session delay=400 13 {"code":8}', "ok", {})]
+        for command, reply, modes in cases:
+            with self.subTest(command):
+                self.assertTrue(srv.command(command).startswith(reply), srv.command("status"))
+                for port, mode in modes.items():
+                    self.assertEqual(srv.mode(port), mode)
+        with connect(srv.info_port) as c:
+            for path, session, body in (("/vmu/reminder/add", 12, b'{"code":7}'),
+                                        ("/vmu/reminder/delete", 13, b'{"code":8}')):
+                c.sendall(request(path, session))
+                got = reads(c, quiet=0.8)
+                self.assertEqual(len(got), 1)
+                self.assertGreaterEqual(got[0][0], 0.35)
+                self.assertTrue(got[0][1].endswith(body), got)
+
+    def test_ctl_reaches_a_running_simulator(self):
+        script = os.path.join(qeltest.SRC, "tools", "qel_server_sim.py")
+        proc = subprocess.Popen([sys.executable, script, "--info-port", "0", "--file-port", "0",
+                                 "--control-port", "0", "--quiet"],
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        try:
+            first = proc.stdout.readline().split()
+            info, ctl = int(first[2].rsplit(":", 1)[1]), int(first[-1].rsplit(":", 1)[1])
+
+            def ctl_cmd(*words):
+                return subprocess.run([sys.executable, script, "--ctl", str(ctl)] + list(words),
+                                      stdout=subprocess.PIPE, text=True, timeout=10).stdout.strip()
+            self.assertTrue(ctl_cmd("info", "hold").startswith("ok "))
+            with connect(info) as c:
+                c.sendall(request("/vmu/device/login", 3) + request("/vmu/device/runstate", 19))
+                self.wait_until(lambda: "held=2" in ctl_cmd("status"), 5, "two answers held")
+                self.assertEqual(ctl_cmd("info", "flush"), "ok flushed 2")
+                self.assertEqual([sessions(d) for _, d in reads(c)], [[3, 19]])
+                self.assertTrue(ctl_cmd("split", "150").startswith("ok "))
+                c.sendall(request("/vmu/device/login", 3))
+                self.assertEqual(len(reads(c)), 2)
+        finally:
+            proc.terminate()
+            proc.wait(5)
+            proc.stdout.close()
+            proc.stderr.close()
 
 
 class AppSimTest(qeltest.AgentTestCase):

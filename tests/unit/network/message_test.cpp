@@ -107,12 +107,13 @@ TEST(Heartbeat, AcknowledgementBound)
             << c.elapsed << " " << c.connected;
 }
 
-TEST(Reconnect, BackoffDoublesToThirtySeconds)
+TEST(Reconnect, BackoffDoublesToFiveSeconds)
 {
-    const int expected[] = {0, 1000, 2000, 4000, 8000, 16000, 30000, 30000, 30000};
-    for (int failures = 0; failures < 9; ++failures)
+    const int expected[] = {0, 1000, 2000, 4000, 5000, 5000, 5000};
+    for (int failures = 0; failures < 7; ++failures)
         EXPECT_EQ(reconnectDelayMs(failures), expected[failures]) << failures;
-    EXPECT_EQ(reconnectDelayMs(1000), 30000);
+    EXPECT_EQ(reconnectDelayMs(1000), 5000);
+    EXPECT_EQ(reconnectDelayMs(3, 10, 1000), 40);
 }
 
 }  // namespace

@@ -1,0 +1,113 @@
+#pragma once
+
+#include <QList>
+#include <QMutex>
+#include <QString>
+#include <QStringList>
+#include <functional>
+
+// One request waiting for the server: its complete text, the item number its
+// "SessionId" names (0 when it names none), and an identity that no other
+// request of this run shares. Identical texts queued twice are two requests.
+struct QEL_QueuedRequest
+{
+    quint64 id = 0;
+    int number = 0;
+    QString text;
+};
+
+// Where a durable queue keeps its copy (the failure history). Called with the
+// queue's lock held, so calls for one queue arrive in queue order; the
+// receiver must only record them, never call back into the queue.
+class QEL_SendJournal
+{
+public:
+    virtual ~QEL_SendJournal() = default;
+    // Newly queued requests, in queue order.
+    virtual void journalQueued(const QList<QEL_QueuedRequest>& requests) = 0;
+    // The request is finished with: answered by the server, or undeliverable.
+    virtual void journalDone(quint64 id) = 0;
+};
+
+// The send queue of one send thread: requests first in, first out, one of
+// them in flight at a time.
+//
+// Locking rules, all of them: every member takes the queue's own mutex and
+// releases it before returning; nothing here calls out while holding it
+// except the journal, which only records. No caller ever holds this lock
+// while it writes to a socket, waits for the main thread or for a reply.
+//
+// Life of a request: append -> take() by the send thread -> beginSend()
+// marks it in flight just before it is written -> an answer for its item
+// removes it (acknowledge) only while it is in flight; a time-out, a lost
+// link or a failed write ends the flight without removing it. A request the
+// send thread gives up (giveUp) leaves the queue but stays in the journal.
+class QEL_SendQueue
+{
+public:
+    using TypeOf = std::function<int(const QString& text)>;
+
+    explicit QEL_SendQueue(TypeOf typeOf, QEL_SendJournal* journal = nullptr);
+    QEL_SendQueue(const QEL_SendQueue&) = delete;
+    QEL_SendQueue& operator=(const QEL_SendQueue&) = delete;
+
+    void setJournal(QEL_SendJournal* journal);
+    // How a text's item number is read (before anything is queued).
+    void setTypeOf(TypeOf typeOf);
+
+    // New requests, journalled in the same step.
+    void append(const QStringList& texts);
+    // Requests that the journal already holds (read back at start-up).
+    void appendKept(const QList<QEL_QueuedRequest>& requests);
+    // A fresh identity, unique in this process.
+    static quint64 newId();
+
+    bool isEmpty() const;
+    int size() const;
+    QStringList texts() const;
+    bool contains(const QString& text) const;
+
+    // The send thread: the head, remembered as the one it is handling.
+    // False (and the attempt counter back to 0) when the queue is empty.
+    bool take(QEL_QueuedRequest& head);
+    // Marks `id` in flight if it is still the head; false if it is gone.
+    bool beginSend(quint64 id);
+    // The write did not happen: the request is no longer in flight.
+    void sendFailed(quint64 id);
+    // After the wait for an answer: counts an unanswered send, unless the
+    // answer came or the link was lost while the request was in flight.
+    void afterWait();
+    int attempts() const;
+    void resetAttempts();
+
+    // An answer from item `number`: removes the head if it is this item's
+    // request in flight. Resets the attempt counter in the same step.
+    // Returns whether a request was removed.
+    bool acknowledge(int number);
+    // The connection the request in flight was written on is gone.
+    // Returns whether a request was in flight.
+    bool linkLost();
+    // Removes the head if it is still `id` (a send result that completes the
+    // request by itself). Journalled as done.
+    bool removeDone(quint64 id);
+    // Removes the head if it is the request the send thread is handling and
+    // still reads `text`; it stays in the journal. Returns whether removed.
+    bool giveUp(const QString& text);
+    // Removes the head if it is still `id` and its text can never be
+    // delivered (no item takes it). Journalled as done.
+    bool dropDamaged(quint64 id);
+
+private:
+    bool headIs(quint64 id) const;
+    QEL_QueuedRequest popHead();
+
+    mutable QMutex mutex_;
+    TypeOf typeOf_;
+    QEL_SendJournal* journal_;
+    QList<QEL_QueuedRequest> entries_;
+    quint64 current_ = 0;       // the head the send thread is handling
+    quint64 inFlight_ = 0;      // written, answer awaited (0: none)
+    int attempts_ = 0;          // sends of the head without an answer
+    bool answered_ = false;     // the flight ended by an answer
+    bool lost_ = false;         // the flight ended by a lost link
+};
