@@ -63,13 +63,13 @@ TEST(Reconnector, FailuresBackOffUpToTheCap)
     });
     link.clock.start();
     r.request(QEL_Reconnector::When::Now);
-    runFor(400);
+    runFor(500);
     ASSERT_EQ(link.connectAt.size(), 6u);
     const int expected[] = {20, 40, 80, 80, 80};
     for (int i = 0; i < 5; ++i) {
         const qint64 gap = link.connectAt[i + 1] - link.connectAt[i];
         EXPECT_GE(gap, expected[i] - 5) << i;    // coarse timers may fire a little early
-        EXPECT_LT(gap, expected[i] + 40) << i;
+        EXPECT_LT(gap, expected[i] + 60) << i;
     }
     EXPECT_EQ(r.failures(), 6);
 }
@@ -128,10 +128,10 @@ TEST(Reconnector, AHangingAttemptEndsAtItsDeadline)
         result = ok;
         endedAt = link.clock.elapsed();
     });
-    runFor(150);
+    runFor(250);
     EXPECT_FALSE(result);
-    EXPECT_GE(endedAt, 50);
-    EXPECT_LT(endedAt, 120);
+    EXPECT_GE(endedAt, 45);      // coarse timers may fire a little early
+    EXPECT_LT(endedAt, 200);
     EXPECT_FALSE(r.pending());
 }
 
