@@ -95,6 +95,7 @@ QEL_SQLConf::QEL_SQLConf(QObject* parent, const QString& dbPath)
     query_.exec("select name from sqlite_master where name='info_failhistory'");
     if (!query_.next())
         query_.exec("CREATE TABLE info_failhistory(发送时间 BIGINT NOT NULL,内容 TEXT NOT NULL)");
+    query_.finish();
 }
 
 QEL_SQLConf::~QEL_SQLConf()
@@ -108,9 +109,11 @@ QEL_SQLConf::~QEL_SQLConf()
 QString QEL_SQLConf::findValue(const QString& key)
 {
     query_.exec(QString("select 值 from info_sysconf where 信息名称='%1'").arg(key));
-    if (query_.next())
-        return query_.value(0).toString();
-    return QString();
+    const QString value = query_.next() ? query_.value(0).toString() : QString();
+    // An unfinished select holds a read lock that would keep the failure
+    // history's writer out of the database.
+    query_.finish();
+    return value;
 }
 
 QString QEL_SQLConf::setDefaultValue(const QString& key, const QString& value, const QString& description)
@@ -121,45 +124,4 @@ QString QEL_SQLConf::setDefaultValue(const QString& key, const QString& value, c
                                   .arg(viaUtf8(description));
     query_.exec(statement);
     return findValue(key);
-}
-
-void QEL_SQLConf::insertOnceItem(const QString& text)
-{
-    insertOnceItem(text, QDateTime::currentMSecsSinceEpoch());
-}
-
-void QEL_SQLConf::insertOnceItem(const QString& text, qint64 whenMs)
-{
-    // Plain text substitution: a text holding a single quote is not kept.
-    query_.exec(QString("insert into info_failhistory (发送时间,内容) values ('%1', '%2')")
-                    .arg(whenMs)
-                    .arg(viaUtf8(text)));
-}
-
-void QEL_SQLConf::storeFailTexts(const QStringList& texts, bool replace)
-{
-    // One commit for the whole batch instead of one per row.
-    const bool inTransaction = db_.transaction();
-    if (replace)
-        clearFailTable();
-    for (const QString& text : texts)
-        insertOnceItem(text);
-    if (inTransaction)
-        db_.commit();
-}
-
-void QEL_SQLConf::clearFailTable()
-{
-    query_.exec("delete from info_failhistory");
-}
-
-QStringList QEL_SQLConf::initFailHistory()
-{
-    QStringList texts;
-    if (query_.exec("select DISTINCT 内容 from info_failhistory")) {
-        while (query_.next())
-            texts.append(query_.value(0).toString());
-    }
-    clearFailTable();
-    return texts;
 }

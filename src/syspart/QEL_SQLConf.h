@@ -7,8 +7,9 @@
 #include <QStringList>
 
 // The agent's configuration: the key/value table info_sysconf of one SQLite
-// file, completed with built-in defaults on first run, plus the failure
-// history table info_failhistory. One instance per process (gConfig).
+// file, completed with built-in defaults on first run. It also creates the
+// failure history table info_failhistory, which QEL_FailStore keeps. One
+// instance per process (gConfig).
 class QEL_SQLConf : public QObject
 {
     Q_OBJECT
@@ -22,15 +23,6 @@ public:
 
     QString findValue(const QString& key);
     QString setDefaultValue(const QString& key, const QString& value, const QString& description);
-
-    // Failure history: unsent request texts kept across restarts.
-    void insertOnceItem(const QString& text);
-    // The same, with the time the text was handed over (ms since the epoch).
-    void insertOnceItem(const QString& text, qint64 whenMs);
-    // Stores texts in one transaction; `replace` empties the table first.
-    void storeFailTexts(const QStringList& texts, bool replace);
-    void clearFailTable();
-    QStringList initFailHistory();
 
     // Values as stored (numbers too are text), in load order.
     QString alarmimage;

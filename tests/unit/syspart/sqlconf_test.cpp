@@ -171,33 +171,6 @@ TEST_F(SQLConfTest, UnopenablePath)
     EXPECT_FALSE(QFileInfo::exists(tmp_.filePath(QStringLiteral("missing"))));
 }
 
-// Texts come back once each (also after a restart) and the table is emptied;
-// a text holding a single quote is not kept.
-TEST_F(SQLConfTest, FailHistoryReadBack)
-{
-    const QString a = QStringLiteral("POST /a HTTP/1.1\r\nSessionId: 3\r\n\r\n{\"x\":1}");
-    const QString b = QString::fromUtf8("POST /record HTTP/1.1\r\nSessionId: 5\r\n\r\n{\"操作员\":\"张三\"}");
-    const qint64 before = QDateTime::currentMSecsSinceEpoch();
-    Store store = openStore(path_);
-    for (const QString& text : {a, a, b, a, QStringLiteral("{\"name\":\"it's\"}")})
-        store->insertOnceItem(text);
-    const qint64 after = QDateTime::currentMSecsSinceEpoch();
-    store.reset();
-    const QStringList times = Db(path_).select(QString::fromUtf8("select 发送时间 from info_failhistory"));
-    ASSERT_EQ(times.size(), 4);
-    for (const QString& t : times)
-        EXPECT_TRUE(t.toLongLong() >= before && t.toLongLong() <= after) << t.toStdString();
-    store = openStore(path_);
-    QStringList texts = store->initFailHistory();
-    texts.sort();
-    EXPECT_EQ(texts, QStringList({a, b}));
-    EXPECT_TRUE(store->initFailHistory().isEmpty());
-
-    store->insertOnceItem(a);
-    store->clearFailTable();
-    EXPECT_TRUE(store->initFailHistory().isEmpty());
-}
-
 // getInstance keeps its instance for the rest of the process: run it in a child.
 TEST(SQLConfSingletonDeathTest, FirstPathWins)
 {
