@@ -67,15 +67,6 @@ QStringList QEL_SendQueue::texts() const
     return out;
 }
 
-bool QEL_SendQueue::contains(const QString& text) const
-{
-    QMutexLocker g(&mutex_);
-    for (const QEL_QueuedRequest& r : entries_)
-        if (r.text == text)
-            return true;
-    return false;
-}
-
 bool QEL_SendQueue::headIs(quint64 id) const
 {
     return !entries_.isEmpty() && entries_.first().id == id;

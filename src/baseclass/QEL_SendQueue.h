@@ -65,7 +65,6 @@ public:
     bool isEmpty() const;
     int size() const;
     QStringList texts() const;
-    bool contains(const QString& text) const;
 
     // The send thread: the head, remembered as the one it is handling.
     // False (and the attempt counter back to 0) when the queue is empty.

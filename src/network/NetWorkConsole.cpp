@@ -2,6 +2,7 @@
 
 #include <QDateTime>
 #include <QMetaObject>
+#include <QSet>
 #include <QThread>
 
 #include <glog/logging.h>
@@ -123,9 +124,11 @@ void NetWorkConsole::queueKept(const QList<QEL_QueuedRequest>& kept)
     // Requests left over from the last run go out again like new ones. A
     // text this run has already queued (its own login) is not sent twice:
     // its old row is finished with.
+    const QStringList queuedNow = threadInfo->queue.texts();
+    const QSet<QString> already(queuedNow.begin(), queuedNow.end());
     QList<QEL_QueuedRequest> fresh;
     for (const QEL_QueuedRequest& r : kept) {
-        if (threadInfo->queue.contains(r.text))
+        if (already.contains(r.text))
             failStore->journalDone(r.id);
         else
             fresh.append(r);
