@@ -172,12 +172,17 @@ bool QEL_FailStore::runBatch(const std::deque<Op>& batch)
     // Undo list for the in-memory map, should the transaction fail.
     QList<quint64> inserted;
     QList<QPair<quint64, qint64>> deleted;
+    QString why;
     bool ok = db.transaction();
+    if (!ok)
+        why = db.lastError().text();
     {
         QSqlQuery insert(db);
         QSqlQuery remove(db);
         ok = ok && insert.prepare("insert into info_failhistory (发送时间,内容) values (?, ?)");
         ok = ok && remove.prepare("delete from info_failhistory where rowid = ?");
+        if (!ok && why.isEmpty())
+            why = insert.lastError().text() + remove.lastError().text();
         for (const Op& op : batch) {
             if (!ok)
                 break;
@@ -185,6 +190,8 @@ bool QEL_FailStore::runBatch(const std::deque<Op>& batch)
                 insert.bindValue(0, op.ms);
                 insert.bindValue(1, op.text);
                 ok = insert.exec();
+                if (!ok)
+                    why = insert.lastError().text();
                 if (ok && op.kind == Op::Insert) {
                     rowOf_.insert(op.id, insert.lastInsertId().toLongLong());
                     inserted.append(op.id);
@@ -195,6 +202,8 @@ bool QEL_FailStore::runBatch(const std::deque<Op>& batch)
                     continue;       // never stored (a queue without history)
                 remove.bindValue(0, it.value());
                 ok = remove.exec();
+                if (!ok)
+                    why = remove.lastError().text();
                 if (ok) {
                     deleted.append(qMakePair(op.id, it.value()));
                     rowOf_.erase(it);
@@ -202,7 +211,10 @@ bool QEL_FailStore::runBatch(const std::deque<Op>& batch)
             }
         }
     }
-    ok = ok && db.commit();
+    if (ok && !db.commit()) {
+        ok = false;
+        why = db.lastError().text();
+    }
     if (ok) {
         if (failedBatches_ > 0)
             LOG(INFO) << "savefail:" << "(failure history written again after " << failedBatches_
@@ -210,7 +222,6 @@ bool QEL_FailStore::runBatch(const std::deque<Op>& batch)
         failedBatches_ = 0;
         return true;
     }
-    const QString why = db.lastError().text();
     db.rollback();
     for (quint64 id : inserted)
         rowOf_.remove(id);
