@@ -79,24 +79,29 @@ RetError QEL_BaseItem::Item_addToSendQueue(const QStringList& list)
     if (!canSend())
         return RET_NOTHING;
     thread->queue.append(list);
-
-    if (!socket->connected || !socket->isQel()) {
-        // Queueing while the link is down asks for it at once (within the
-        // back-off); the thread starts when the attempt has ended.
-        QEL_BaseThread* t = thread;
-        const bool idle = !t->isSending();
-        socket->requestConnect(
-            QEL_BaseSocket::ConnectWhen::Backoff,
-            [t, idle](bool ok) {
-                if (!ok && idle)
-                    itemHost()->reportLinkLost();
-                t->startSend();
-            },
-            QString("queue:%1").arg(reinterpret_cast<quintptr>(t)));
-        return RET_OK;
-    }
-    thread->startSend();
+    startSending();
     return RET_OK;
+}
+
+void QEL_BaseItem::startSending()
+{
+    QEL_ASSERT_MAIN_THREAD();
+    if (socket->connected && socket->isQel()) {
+        thread->startSend();
+        return;
+    }
+    // Queueing while the link is down asks for it at once (within the
+    // back-off); the thread starts when the attempt has ended.
+    QEL_BaseThread* t = thread;
+    const bool idle = !t->isSending();
+    socket->requestConnect(
+        QEL_BaseSocket::ConnectWhen::Backoff,
+        [t, idle](bool ok) {
+            if (!ok && idle)
+                itemHost()->reportLinkLost();
+            t->startSend();
+        },
+        QString("queue:%1").arg(reinterpret_cast<quintptr>(t)));
 }
 
 bool QEL_BaseItem::writeRequest(const QString& request)

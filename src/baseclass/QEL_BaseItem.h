@@ -37,6 +37,9 @@ public:
     virtual void Item_fromApplication(const QString& body);
 
     void Item_CloseSocket();
+    // Main thread: has the send thread go through its queue, connecting
+    // first if the socket is down.
+    void startSending();
 
     // True when this item can send: it has a socket and a send thread.
     bool canSend() const { return socket != nullptr && thread != nullptr; }

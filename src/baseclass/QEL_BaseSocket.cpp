@@ -26,6 +26,8 @@ struct QEL_BaseSocket::WriteTicket
     bool done = false;
     WriteResult result = WriteResult::TimedOut;
     std::function<void()> onWritten;
+    quint64 requireConnection = 0;      // 0: any
+    quint64 connection = 0;             // the one it was written on
 
     void finish(WriteResult r)
     {
@@ -77,6 +79,7 @@ QEL_BaseSocket::QEL_BaseSocket(QObject* parent)
     // disconnect log lines come before an attempt's outcome is acted on.
     connect(this, &QTcpSocket::connected, this, [this] {
         wasUp_ = true;
+        ++connection_;
         reconnector_.attemptEnded(true);
         emit sigUp();
     });
@@ -218,11 +221,33 @@ void QEL_BaseSocket::onAttemptFinished(bool)
 QEL_BaseSocket::WriteResult QEL_BaseSocket::writeAndWait(const QByteArray& data, int timeoutMs,
                                                          std::function<void()> onWritten)
 {
-    auto ticket = std::make_shared<WriteTicket>();
-    ticket->onWritten = std::move(onWritten);
+    return writeAsync(data, std::move(onWritten)).wait(timeoutMs);
+}
+
+QEL_BaseSocket::WriteHandle QEL_BaseSocket::writeAsync(const QByteArray& data, std::function<void()> onWritten,
+                                                      quint64 sameConnection)
+{
+    WriteHandle handle;
+    handle.ticket_ = std::make_shared<WriteTicket>();
+    handle.ticket_->onWritten = std::move(onWritten);
+    handle.ticket_->requireConnection = sameConnection;
+    auto ticket = handle.ticket_;
     QMetaObject::invokeMethod(
         this, [this, ticket, data] { startWrite(ticket, data); }, Qt::QueuedConnection);
-    return ticket->wait(timeoutMs);
+    return handle;
+}
+
+QEL_BaseSocket::WriteResult QEL_BaseSocket::WriteHandle::wait(int timeoutMs)
+{
+    return ticket_ ? ticket_->wait(timeoutMs) : WriteResult::NotConnected;
+}
+
+quint64 QEL_BaseSocket::WriteHandle::connection() const
+{
+    if (!ticket_)
+        return 0;
+    std::lock_guard<std::mutex> g(ticket_->m);
+    return ticket_->connection;
 }
 
 void QEL_BaseSocket::startWrite(const std::shared_ptr<WriteTicket>& ticket, const QByteArray& data)
@@ -234,9 +259,17 @@ void QEL_BaseSocket::startWrite(const std::shared_ptr<WriteTicket>& ticket, cons
         if (ticket->done)
             return;
     }
+    if (ticket->requireConnection != 0 && (ticket->requireConnection != connection_ || !isQel())) {
+        ticket->finish(WriteResult::NotConnected);
+        return;
+    }
     if (reconnector_.attempting()) {
         deferred_.push_back(PendingWrite{ticket, data, 0});
         return;
+    }
+    {
+        std::lock_guard<std::mutex> g(ticket->m);
+        ticket->connection = connection_;
     }
     if (!writeNow(data)) {
         ticket->finish(WriteResult::NotConnected);

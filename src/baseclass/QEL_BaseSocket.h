@@ -51,6 +51,24 @@ public:
     // given, runs on the main thread as soon as the bytes are handed to the
     // socket, before any answer to them can be read.
     WriteResult writeAndWait(const QByteArray& data, int timeoutMs, std::function<void()> onWritten = {});
+    // Any thread but the main one: the same without waiting; wait() on the
+    // handle later. Writes handed over in order go out in that order, so a
+    // sender can keep a few in flight and stream without buffering it all.
+    struct WriteTicket;
+    class WriteHandle
+    {
+    public:
+        WriteResult wait(int timeoutMs);
+        // The connection the bytes went out on (after wait() said Written).
+        quint64 connection() const;
+    private:
+        friend class QEL_BaseSocket;
+        std::shared_ptr<WriteTicket> ticket_;
+    };
+    // With `sameConnection` (a WriteHandle::connection()), the bytes go only
+    // on that connection: the rest of a stream never starts a new one.
+    WriteHandle writeAsync(const QByteArray& data, std::function<void()> onWritten = {},
+                           quint64 sameConnection = 0);
     // Main thread: write at once if connected (the heartbeat's direct write).
     bool writeNow(const QByteArray& data);
 
@@ -84,7 +102,6 @@ protected:
     QEL_Reconnector& reconnector() { return reconnector_; }
 
 private:
-    struct WriteTicket;
     struct PendingWrite
     {
         std::shared_ptr<WriteTicket> ticket;
@@ -101,6 +118,7 @@ private:
     QEL_Reconnector reconnector_;
     ReplyFramer framer_;
     bool wasUp_ = false;
+    quint64 connection_ = 0;               // counts established connections
     std::vector<PendingWrite> deferred_;   // asked for during a connection attempt
     std::vector<PendingWrite> inFlight_;   // written, waiting for bytesWritten
     qint64 bytesQueued_ = 0;

@@ -135,16 +135,29 @@ void QEL_SendQueue::resetAttempts()
     attempts_ = 0;
 }
 
-bool QEL_SendQueue::acknowledge(int number)
+bool QEL_SendQueue::acknowledge(int number, QEL_QueuedRequest* removed)
 {
     QMutexLocker g(&mutex_);
     if (inFlight_ == 0 || !headIs(inFlight_) || entries_.first().number != number)
         return false;
     const QEL_QueuedRequest done = popHead();
+    if (removed != nullptr)
+        *removed = done;
     attempts_ = 0;
     answered_ = true;
     if (journal_ != nullptr)
         journal_->journalDone(done.id);
+    return true;
+}
+
+bool QEL_SendQueue::refuse(int number)
+{
+    QMutexLocker g(&mutex_);
+    if (inFlight_ == 0 || !headIs(inFlight_) || entries_.first().number != number)
+        return false;
+    inFlight_ = 0;
+    attempts_ = 2;
+    answered_ = true;
     return true;
 }
 

@@ -81,8 +81,11 @@ public:
 
     // An answer from item `number`: removes the head if it is this item's
     // request in flight. Resets the attempt counter in the same step.
-    // Returns whether a request was removed.
-    bool acknowledge(int number);
+    // Returns whether a request was removed (and, if asked, which).
+    bool acknowledge(int number, QEL_QueuedRequest* removed = nullptr);
+    // A refusal from item `number` for its request in flight: the request
+    // stays, and the send thread's next pass gives it up at once.
+    bool refuse(int number);
     // The connection the request in flight was written on is gone.
     // Returns whether a request was in flight.
     bool linkLost();

@@ -4,6 +4,7 @@
 #include <QMetaObject>
 #include <QSet>
 #include <QThread>
+#include <sys/inotify.h>
 
 #include <glog/logging.h>
 
@@ -82,6 +83,7 @@ NetWorkConsole::~NetWorkConsole()
     threadFile->shutdown();
     threadInline->shutdown();
     failStore->stop();
+    delete watcher;
     setItemHost(nullptr);
 }
 
@@ -207,6 +209,26 @@ void NetWorkConsole::sendInfoToInline(const QString& text)
 
     threadInline->queue.append(QStringList() << text);
     threadInline->startSend();
+}
+
+void NetWorkConsole::SlotSysChange(const QList<watchinfo>& changes)
+{
+    QStringList created[kItemCount];
+    for (const watchinfo& w : changes) {
+        const QString path = watcher != nullptr ? w.getTriFilePath(watcher->paths) : QString();
+        if (path.isEmpty())
+            continue;       // a descriptor this watcher never handed out
+        const int type = ParseTypeFromTrig(path);
+        if (w.mask == IN_CREATE) {
+            created[type].append(path);
+        } else {
+            int camera = 0, detect = 0;
+            items[type]->ParseToCamDec(path, camera, detect);
+        }
+    }
+    items[5]->Item_addToSendQueue(created[5]);
+    items[6]->Item_addToSendQueue(created[6]);
+    items[11]->Item_addToSendQueue(created[11]);
 }
 
 void NetWorkConsole::saveWithOutSend()

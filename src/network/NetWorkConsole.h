@@ -5,6 +5,8 @@
 #include <QStringList>
 #include <atomic>
 
+#include "JobRunner.h"
+#include "QEL_Inotify.h"
 #include "QEL_ItemHost.h"
 
 class QEL_BaseItem;
@@ -64,10 +66,17 @@ public:
     QEL_BaseThread* threadFile = nullptr;
     QEL_ThreadInLine* threadInline = nullptr;
     QEL_FailStore* failStore = nullptr;
+    QEL_Inotify* watcher = nullptr;         // the watcher SlotSysChange maps through; none by default
+    JobRunner imagePacker;                  // listing, tar, mv and rm of the image items, in order
     QEL_BaseItem* items[kItemCount] = {};
 
     std::atomic<bool> loggedIn{false};
     std::atomic<bool> secondState{false};   // read by the alarm-image item; never set
+
+public slots:
+    // Directory changes in batches: created images go to their item to be
+    // packed. Start-up neither creates a watcher nor connects this.
+    void SlotSysChange(const QList<watchinfo>& changes);
 
 private:
     void wireServerSocket(QEL_BaseSocket* socket);

@@ -1,35 +1,397 @@
 #include "QEL_ItemAlarmImage.h"
 
+#include <QDebug>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QMetaObject>
+#include <deque>
+
+#include <glog/logging.h>
+
 #include "CHttpEndpoints.h"
+#include "C_Shell.h"
+#include "ImagePacking.h"
 #include "NetWorkConsole.h"
 #include "QEL_BaseSocket.h"
+#include "QEL_BaseThread.h"
+#include "QEL_SQLConf.h"
 #include "globals.h"
+#include "oxa_dir.h"
+
+namespace {
+const char* const kTimeFile = "time.txt";
+const char* const kDefaultMoment = "1970-11-12 13:14:15";
+const int kWriteWaitMs = 30000;
+// The kernel stamps files with a coarse clock that may lag ours by a tick:
+// a look reaches this far into the past, so that an image written while it
+// ran is found by the next one.
+const qint64 kClockSlackMs = 50;
+// Archive bytes handed to the socket at a time, and how many such pieces may
+// wait to be written: what an upload holds in memory.
+const qint64 kStreamPieceBytes = 256 * 1024;
+const size_t kPiecesInFlight = 2;
+
+QDateTime defaultMoment()
+{
+    return QDateTime::fromString(kDefaultMoment, "yyyy-MM-dd hh:mm:ss");
+}
+
+void runShell(const QString& command)
+{
+    QStringList out;
+    C_Shell(nullptr, command, out);
+}
+}  // namespace
 
 QEL_ItemAlarmImage::QEL_ItemAlarmImage(QObject* parent)
-    : QEL_BaseItem(parent)
+    : QEL_ItemAlarmImage(parent, 5, "qel_alarmimage/", new CHttp_Alarmimage)
 {
-    http = new CHttp_Alarmimage;
-    number = 5;
+}
+
+QEL_ItemAlarmImage::QEL_ItemAlarmImage(QObject* parent, int type, const QString& subDir, CHttpBase* builder)
+    : QEL_BaseItem(parent)
+    , subDir_(subDir)
+{
+    http = builder;
+    number = type;
+    textA = gConfig->qelpath + subDir_;
+    failDir = gConfig->failpath + subDir_;
 }
 
 RetError QEL_ItemAlarmImage::Item_Init()
 {
     socket = gConsole->socketFile;
     thread = gConsole->threadFile;
+    packer_ = &gConsole->imagePacker;
+    workList = imageDirs();
+    // Start-up does not wait for the packing.
+    packer_->post([this] { look(true); });
     return RET_OK;
+}
+
+RetError QEL_ItemAlarmImage::Item_ReInit()
+{
+    if (packer_ != nullptr)
+        packer_->post([this] { look(false); });
+    return RET_OK;
+}
+
+RetError QEL_ItemAlarmImage::Item_pickInfo(const QString&, QString&)
+{
+    return RET_NOTHING;     // images are found on disk, never built from a text
 }
 
 void QEL_ItemAlarmImage::Item_fromApplication(const QString&)
 {
+    Item_ReInit();
 }
 
-QEL_ItemTemplate::QEL_ItemTemplate(QObject* parent)
-    : QEL_ItemAlarmImage(parent)
+void QEL_ItemAlarmImage::ParseToCamDec(const QString& path, int& camera, int& detect)
 {
-    delete http;
-    http = new CHttp_TempImage;
-    number = 6;
+    parseAlarmCamDec(path, camera, detect);
 }
+
+QStringList QEL_ItemAlarmImage::imageDirs() const
+{
+    QStringList dirs;
+    const int cameras = gConfig->camera.toInt(nullptr, 10);
+    const int detects = gConfig->detect.toInt(nullptr, 10);
+    for (int c = 1; c <= cameras; ++c) {
+        for (int d = 1; d <= detects; ++d) {
+            dirs << gConfig->alarmimage + QString("camera%1/detect%2/NG/").arg(c).arg(d);
+            dirs << gConfig->alarmimage + QString("camera%1/detect%2/OK/").arg(c).arg(d);
+        }
+    }
+    return dirs;
+}
+
+// ---- packer thread ----------------------------------------------------------
+
+void QEL_ItemAlarmImage::look(bool atStart)
+{
+    if (atStart) {
+        QStringList dirs;
+        Item_CheckDir(dirs);
+        QStringList kept;
+        Item_ResendPolicy(kept);
+        // Failed archives go before anything new, in the order found.
+        thread->queue.append(kept);
+    }
+    QDateTime since;
+    if (!atStart && gConsole->secondState)
+        since = defaultMoment();
+    else
+        Item_GetTimeFile(since);
+    const QDateTime listedAt = QDateTime::currentDateTimeUtc();
+    QStringList files;
+    Item_GetSendFileList(since, workList, files);
+    if (!files.isEmpty())
+        packAndQueue(files, listedAt);
+    else if (!thread->queue.isEmpty())
+        askToSend();
+}
+
+void QEL_ItemAlarmImage::Item_CheckDir(QStringList& out)
+{
+    out.clear();
+    for (const QString& dir : imageDirs()) {
+        oxa_dir_create(dir.toUtf8().constData(), "");
+        out.append(dir);
+    }
+    const QDir work(workDir());
+    if (work.exists() && !work.entryList(QStringList() << "*.tar.gz", QDir::Files).isEmpty()) {
+        // Archives of an earlier run that never got their answer.
+        runShell(QString("mv %1*.tar.gz %2").arg(shellQuote(workDir()), shellQuote(failDir)));
+    }
+    oxa_dir_create(workDir().toUtf8().constData(), "");
+    oxa_dir_create(failDir.toUtf8().constData(), "");
+}
+
+void QEL_ItemAlarmImage::Item_ResendPolicy(QStringList& queue)
+{
+    const qint64 now = QDateTime::currentMSecsSinceEpoch();
+    const QFileInfoList failed =
+        QDir(failDir).entryInfoList(QStringList() << "*.tar.gz", QDir::Files, QDir::Time);
+    for (const QFileInfo& f : failed) {
+        if (now - f.lastModified().toMSecsSinceEpoch() <= kKeepFailedMs)
+            queue.append(f.absoluteFilePath());
+        else
+            runShell(QString("rm -f %1").arg(shellQuote(f.absoluteFilePath())));
+    }
+}
+
+void QEL_ItemAlarmImage::Item_GetTimeFile(QDateTime& t)
+{
+    t = defaultMoment();
+    QFile file(workDir() + kTimeFile);
+    if (!file.open(QIODevice::ReadOnly))
+        return;
+    t = parseTimeFile(file.readAll(), t);
+    const QDateTime now = QDateTime::currentDateTime();
+    if (t > now) {
+        // A time file from the future would hide every image until then.
+        t = now;
+        Item_MakeTimeFile(t);
+    }
+}
+
+void QEL_ItemAlarmImage::Item_GetSendFileList(const QDateTime& t, const QStringList& dirs, QStringList& out)
+{
+    const qint64 since = t.toMSecsSinceEpoch();
+    QHash<QString, qint64> recent;
+    for (const QString& dir : dirs) {
+        const QFileInfoList files = QDir(dir).entryInfoList(QDir::Files, QDir::Time);
+        for (const QFileInfo& f : files) {
+            const qint64 modified = f.lastModified().toUTC().toMSecsSinceEpoch();
+            if (modified <= since)
+                continue;
+            const QString path = f.absoluteFilePath();
+            if (modified <= since + kClockSlackMs) {
+                recent.insert(path, modified);
+                if (recent_.value(path, -1) == modified)
+                    continue;       // packed by the last look already
+            }
+            out.append(path);
+        }
+    }
+    recent_ = recent;
+}
+
+void QEL_ItemAlarmImage::Item_MakeTimeFile(const QDateTime& t)
+{
+    QFile file(workDir() + kTimeFile);
+    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        file.write(QByteArray::number(t.toMSecsSinceEpoch()) + "\n");
+}
+
+RetError QEL_ItemAlarmImage::Item_PickTar(const QStringList& files, QStringList& tars)
+{
+    return packInto(files, tars, 10);
+}
+
+RetError QEL_ItemAlarmImage::packInto(const QStringList& files, QStringList& tars, int perArchive)
+{
+    if (files.isEmpty())
+        return RET_MALFORMED;
+    const QVector<TarJob> jobs = planArchives(files, gConfig->apppath, workDir(), perArchive,
+                                              [] { return QDateTime::currentDateTime(); });
+    for (const TarJob& job : jobs)
+        runShell(job.command);
+    for (const TarJob& job : jobs)
+        tars.append(job.archive);
+    return RET_OK;
+}
+
+RetError QEL_ItemAlarmImage::Item_addToSendQueue(const QStringList& files)
+{
+    if (files.isEmpty())
+        return RET_NOTHING;
+    const QDateTime handedAt = QDateTime::currentDateTimeUtc();
+    packer_->post([this, files, handedAt] { packAndQueue(files, handedAt); });
+    return RET_OK;
+}
+
+void QEL_ItemAlarmImage::packAndQueue(const QStringList& files, const QDateTime& listedAt)
+{
+    QStringList tars;
+    if (Item_PickTar(files, tars) != RET_OK)
+        return;
+    // The time file says when the listing began (a little before, for the
+    // coarse file clock): an image written since then is newer and found by
+    // the next look, whatever packing and uploading cost meanwhile.
+    const QDateTime mark = listedAt.addMSecs(-kClockSlackMs);
+    lastListedMs_ = mark.toMSecsSinceEpoch();
+    Item_MakeTimeFile(mark);
+    thread->queue.append(tars);
+    askToSend();
+}
+
+void QEL_ItemAlarmImage::askToSend()
+{
+    QMetaObject::invokeMethod(this, [this] { startSending(); }, Qt::QueuedConnection);
+}
+
+// ---- FILE send thread -------------------------------------------------------
+
+RetError QEL_ItemAlarmImage::Item_NetSendOperate(const QString& path)
+{
+    qDebug().noquote() << QString("oxa send file") + QString(107, QChar('-'));
+    qDebug().noquote() << QString("\"%1\"").arg(path);
+    if (socket->connected) {
+        QFile file(path);
+        if (!file.open(QIODevice::ReadOnly)) {
+            // Nothing to send (removed by hand, unreadable): the queue goes on.
+            LOG(INFO) << "send:" << number << "(archive not readable: " << path.toUtf8().constData() << ")";
+            thread->queue.giveUp(path);
+            return RET_GIVEN_UP;
+        }
+        if (streamFile(file))
+            return RET_OK;
+    }
+    LOG(INFO) << "send:" << number << "(\"ERR_NetNoConnect\" send without connected)";
+    emit sigNoConnected();
+    return ERR_NetNoConnect;
+}
+
+bool QEL_ItemAlarmImage::streamFile(QFile& file)
+{
+    const qint64 size = file.size();
+    auto* builder = static_cast<CHttp_Alarmimage*>(http);
+    const bool locked = socket->socket_lock();
+    builder->filelength(int(size));
+    builder->reloadbase();
+    const QByteArray head = builder->getHttp().toLatin1();
+
+    const int n = number;
+    const std::function<void()> logWritten = [n] {
+        LOG(INFO) << "send:" << n << "(file write to socket alread)";
+    };
+    const std::function<void()> nothing;
+    QEL_BaseSocket::WriteHandle first = socket->writeAsync(head, size == 0 ? logWritten : nothing);
+    bool ok = first.wait(kWriteWaitMs) == QEL_BaseSocket::WriteResult::Written;
+    const quint64 connection = first.connection();
+
+    // The body follows on the same connection, a piece at a time; at most a
+    // few pieces are in memory whatever the archive's size.
+    std::deque<QEL_BaseSocket::WriteHandle> inFlight;
+    qint64 remaining = size;
+    while (ok && remaining > 0) {
+        const qint64 take = qMin(remaining, kStreamPieceBytes);
+        QByteArray piece = file.read(take);
+        if (piece.size() < take)
+            piece.append(QByteArray(int(take - piece.size()), '\0'));   // shrunk meanwhile: keep the length
+        remaining -= take;
+        inFlight.push_back(socket->writeAsync(piece, remaining == 0 ? logWritten : nothing, connection));
+        if (inFlight.size() >= kPiecesInFlight) {
+            ok = inFlight.front().wait(kWriteWaitMs) == QEL_BaseSocket::WriteResult::Written;
+            inFlight.pop_front();
+        }
+    }
+    while (!inFlight.empty()) {
+        ok = inFlight.front().wait(kWriteWaitMs) == QEL_BaseSocket::WriteResult::Written && ok;
+        inFlight.pop_front();
+    }
+    if (locked)
+        socket->socket_unlock();
+    if (!ok)
+        socket->connected = false;
+    return ok;
+}
+
+RetError QEL_ItemAlarmImage::Item_NetErrorOperate(RetError, const QString& path)
+{
+    if (thread->queue.giveUp(path)) {
+        gConsole->sendInfoToInline(path);
+        runShell(QString("mv -f %1 %2").arg(shellQuote(path), shellQuote(failDir)));
+    }
+    socket->reserved = -1;
+    return RET_OK;
+}
+
+// ---- main thread --------------------------------------------------------------
+
+RetError QEL_ItemAlarmImage::Item_NetRecvOperate(const QString& reply)
+{
+    QString value;
+    CHttpBase::getBuffItem(reply, "code", value);
+    const bool success = value == "0" || value == "\"0\"";
+    if (success) {
+        QEL_QueuedRequest sent;
+        if (thread->queue.acknowledge(number, &sent)) {
+            const qint64 mark = lastListedMs_;
+            packer_->post([this, sent, mark] {
+                runShell(QString("rm -f %1").arg(shellQuote(sent.text)));
+                if (mark > 0)
+                    Item_MakeTimeFile(QDateTime::fromMSecsSinceEpoch(mark));
+            });
+        }
+        thread->goThrough();
+        Item_CloseSocket();
+    } else {
+        // Refused: the next pass hands the archive to the error path at once.
+        thread->queue.refuse(number);
+        thread->goThrough();
+    }
+    LOG(INFO) << "recv:" << number << "(result:" << (success ? "-- success --" : "-- fail --") << ")";
+    return success ? RET_OK : RET_UPLOAD_REFUSED;
+}
+
+// ---- templates ----------------------------------------------------------------
+
+QEL_ItemTemplate::QEL_ItemTemplate(QObject* parent)
+    : QEL_ItemAlarmImage(parent, 6, "qel_tempimage/", new CHttp_TempImage)
+{
+}
+
+void QEL_ItemTemplate::ParseToCamDec(const QString& path, int& camera, int& detect)
+{
+    parseTemplateCamDec(path, camera, detect);
+}
+
+QStringList QEL_ItemTemplate::imageDirs() const
+{
+    QStringList dirs;
+    const int cameras = gConfig->camera.toInt(nullptr, 10);
+    const int detects = gConfig->detect.toInt(nullptr, 10);
+    for (int c = 1; c <= cameras; ++c)
+        for (int d = 1; d <= detects; ++d)
+            dirs << gConfig->template_ + QString("cammer%1%2/").arg(c).arg(d);
+    return dirs;
+}
+
+void QEL_ItemTemplate::Item_CheckDir(QStringList& out)
+{
+    // Only the directories differ (imageDirs); leftovers are handled alike.
+    QEL_ItemAlarmImage::Item_CheckDir(out);
+}
+
+RetError QEL_ItemTemplate::Item_PickTar(const QStringList& files, QStringList& tars)
+{
+    return packInto(files, tars, 1);
+}
+
+// ---- video (placeholder until the live-video work) ------------------------------
 
 QEL_ItemVideo::QEL_ItemVideo(QObject* parent)
     : QEL_BaseItem(parent)

@@ -1,18 +1,85 @@
 #pragma once
 
+#include <QDateTime>
+#include <QHash>
+#include <QStringList>
+#include <atomic>
+
+#include "JobRunner.h"
 #include "QEL_BaseItem.h"
 
 // Alarm-image (5) and template (6) archive uploads on the FILE connection.
-// Packing and uploading arrive with the image-upload work; for now the items
-// hold their builders and bindings, and application texts for them are
-// accepted and logged but not sent.
+//
+// The item finds the images newer than its time file, packs them with tar
+// into archives in its working directory, queues the archive paths on the
+// FILE send thread and uploads each one; the server's answer deletes it, a
+// refusal moves it to the failure directory, from where the next start
+// offers it again for 72 hours.
+//
+// Threads: listing, packing, moving and deleting archives and writing the
+// time file run one job at a time on the console's image packer, never on
+// the main thread (tar can take seconds). The upload runs on the FILE send
+// thread and streams the archive through the socket's main-thread writes,
+// a few hundred kilobytes at a time. The answer is handled on the main thread.
 class QEL_ItemAlarmImage : public QEL_BaseItem
 {
     Q_OBJECT
 public:
     explicit QEL_ItemAlarmImage(QObject* parent);
+
+    // Main thread.
     RetError Item_Init() override;
+    RetError Item_ReInit() override;
+    RetError Item_pickInfo(const QString& info, QString& out) override;
+    // An application message of this type means "new images are there":
+    // look now. Its body says nothing more.
     void Item_fromApplication(const QString& body) override;
+    RetError Item_NetRecvOperate(const QString& reply) override;
+    void ParseToCamDec(const QString& path, int& camera, int& detect) override;
+    // Any thread: packs `files` and queues the archives (on the packer).
+    RetError Item_addToSendQueue(const QStringList& files) override;
+
+    // FILE send thread.
+    RetError Item_NetSendOperate(const QString& path) override;
+    RetError Item_NetErrorOperate(RetError error, const QString& path) override;
+
+    // Packer thread.
+    virtual void Item_CheckDir(QStringList& out);
+    virtual void Item_ResendPolicy(QStringList& queue);
+    virtual void Item_GetTimeFile(QDateTime& t);
+    virtual void Item_GetSendFileList(const QDateTime& t, const QStringList& dirs, QStringList& out);
+    virtual void Item_MakeTimeFile(const QDateTime& t);
+    virtual RetError Item_PickTar(const QStringList& files, QStringList& tars);
+
+    // The directories this item looks in (and a directory watcher would watch).
+    virtual QStringList imageDirs() const;
+    QString workDir() const { return textA; }
+    QString failDir;
+
+    static const qint64 kKeepFailedMs = 259199999;      // 72 h less 1 ms
+    static const int kChunkBytes = 16384;
+
+protected:
+    QEL_ItemAlarmImage(QObject* parent, int type, const QString& subDir, CHttpBase* builder);
+    // Packer thread: the images of `tars`' archives, packed `perArchive` at a time.
+    RetError packInto(const QStringList& files, QStringList& tars, int perArchive);
+
+private:
+    // Packer thread: one look at the directories (at start-up: also the
+    // leftovers and the failed archives).
+    void look(bool atStart);
+    void packAndQueue(const QStringList& files, const QDateTime& listedAt);
+    void askToSend();
+    // Writes the request head and the archive; false if the link failed.
+    bool streamFile(class QFile& file);
+
+    QString subDir_;
+    JobRunner* packer_ = nullptr;
+    // Packer thread only: images packed by the last look whose times lie in
+    // the clock slack below its time file, so that the next look, which
+    // looks a little into the past, does not pack them twice.
+    QHash<QString, qint64> recent_;
+    std::atomic<qint64> lastListedMs_{0};
 };
 
 class QEL_ItemTemplate : public QEL_ItemAlarmImage
@@ -20,6 +87,10 @@ class QEL_ItemTemplate : public QEL_ItemAlarmImage
     Q_OBJECT
 public:
     explicit QEL_ItemTemplate(QObject* parent);
+    void ParseToCamDec(const QString& path, int& camera, int& detect) override;
+    void Item_CheckDir(QStringList& out) override;
+    RetError Item_PickTar(const QStringList& files, QStringList& tars) override;
+    QStringList imageDirs() const override;
 };
 
 // Live video (9): talks to its own push address, binds no server socket.

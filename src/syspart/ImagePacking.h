@@ -1,0 +1,43 @@
+#pragma once
+
+#include <QDateTime>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+#include <functional>
+
+// The pure part of packing images into archives: names, members, grouping
+// and the shell commands. Nothing here touches the disk.
+
+// `text` as one shell word: single-quoted, a single quote written as '\''.
+// Spaces, quotes, ';', '$( )' and line ends inside stay part of the word.
+QString shellQuote(const QString& text);
+
+// The member name of an image in its archive: the image path without as many
+// leading characters as `apppath` has, behind "./".
+QString archiveMember(const QString& imagePath, const QString& apppath);
+
+// "Tar_<yyyyMMddhhmmsszzz>_<index>.tar.gz" in `workDir`.
+QString archivePath(const QString& workDir, const QDateTime& when, int lastIndex);
+
+struct TarJob
+{
+    QString archive;        // where tar writes it
+    QString command;        // the shell command that writes it
+    QStringList members;    // "./" names, in order
+};
+
+// The archives for `images`, in order: at most `perArchive` images each (10
+// for alarm images, 1 for templates); each archive is named after the index
+// of its last image and the moment `now()` gives when its command is built.
+QVector<TarJob> planArchives(const QStringList& images, const QString& apppath, const QString& workDir,
+                             int perArchive, const std::function<QDateTime()>& now);
+
+// Camera and detection numbers from an image path: the single character
+// after "camera" and after "detect" (alarm images), or the two characters
+// after "cammer" (templates). Not a digit: 0.
+void parseAlarmCamDec(const QString& path, int& camera, int& detect);
+void parseTemplateCamDec(const QString& path, int& camera, int& detect);
+
+// The moment held by a time file's text, or `fallback` if it holds none.
+QDateTime parseTimeFile(const QByteArray& content, const QDateTime& fallback);
