@@ -2,6 +2,7 @@
 
 #include <QDebug>
 #include <QMetaObject>
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -189,9 +190,40 @@ void QEL_BaseSocket::requestConnect(ConnectWhen when, ConnectDone done, const QS
     reconnector_.request(when, std::move(done), key, force);
 }
 
+bool QEL_BaseSocket::track(const std::shared_ptr<WriteTicket>& ticket)
+{
+    std::lock_guard<std::mutex> g(waitsMutex_);
+    if (stopping_) {
+        ticket->finish(WriteResult::NotConnected);
+        return false;
+    }
+    // Forget the waits that are over, so the list stays short.
+    waits_.erase(std::remove_if(waits_.begin(), waits_.end(),
+                                [](const std::weak_ptr<WriteTicket>& w) { return w.expired(); }),
+                 waits_.end());
+    waits_.push_back(ticket);
+    return true;
+}
+
+void QEL_BaseSocket::closeForStop()
+{
+    std::vector<std::weak_ptr<WriteTicket>> waits;
+    {
+        std::lock_guard<std::mutex> g(waitsMutex_);
+        stopping_ = true;
+        waits.swap(waits_);
+    }
+    for (const std::weak_ptr<WriteTicket>& w : waits)
+        if (std::shared_ptr<WriteTicket> t = w.lock())
+            t->finish(WriteResult::NotConnected);
+    abort();
+}
+
 bool QEL_BaseSocket::connectAndWait(int timeoutMs)
 {
     auto ticket = std::make_shared<WriteTicket>();
+    if (!track(ticket))
+        return false;
     QMetaObject::invokeMethod(
         this,
         [this, ticket] {
@@ -232,6 +264,8 @@ QEL_BaseSocket::WriteHandle QEL_BaseSocket::writeAsync(const QByteArray& data, s
     handle.ticket_->onWritten = std::move(onWritten);
     handle.ticket_->requireConnection = sameConnection;
     auto ticket = handle.ticket_;
+    if (!track(ticket))
+        return handle;
     QMetaObject::invokeMethod(
         this, [this, ticket, data] { startWrite(ticket, data); }, Qt::QueuedConnection);
     return handle;

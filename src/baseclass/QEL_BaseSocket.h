@@ -8,6 +8,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "QEL_Reconnector.h"
@@ -69,6 +70,9 @@ public:
     // on that connection: the rest of a stream never starts a new one.
     WriteHandle writeAsync(const QByteArray& data, std::function<void()> onWritten = {},
                            quint64 sameConnection = 0);
+    // The agent is stopping: every worker waiting on this socket is released
+    // (its write or connection counts as failed) and no new one waits.
+    void closeForStop();
     // Main thread: write at once if connected (the heartbeat's direct write).
     bool writeNow(const QByteArray& data);
 
@@ -113,6 +117,8 @@ private:
     void onBytesWritten(qint64 n);
     void failPendingWrites();
     void onAttemptFinished(bool ok);
+    // Any thread: registers a worker's wait (false once the agent is stopping).
+    bool track(const std::shared_ptr<WriteTicket>& ticket);
 
     QMutex* lock_;
     QEL_Reconnector reconnector_;
@@ -123,6 +129,10 @@ private:
     std::vector<PendingWrite> inFlight_;   // written, waiting for bytesWritten
     qint64 bytesQueued_ = 0;
     qint64 bytesFlushed_ = 0;
+
+    std::mutex waitsMutex_;                         // guards waits_ and stopping_
+    std::vector<std::weak_ptr<WriteTicket>> waits_;  // workers' waits, to release at a stop
+    bool stopping_ = false;
 };
 
 class QEL_SocketInfo : public QEL_BaseSocket

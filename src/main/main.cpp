@@ -10,6 +10,7 @@
 #include "GLog.h"
 #include "NetWorkConsole.h"
 #include "QEL_SQLConf.h"
+#include "StopSignals.h"
 #include "globals.h"
 #include "oxa_dir.h"
 #include "startup.h"
@@ -45,7 +46,19 @@ int main(int argc, char* argv[])
         LOG(INFO) << "log:" << "(log files older than " << GLog::kKeepLogDays << " days are removed)";
         gConsole = new NetWorkConsole(&app, dbPath);
         gConsole->FirstInit();
-        return app.exec();
+        new StopSignals(
+            [&app](int signo) {
+                LOG(INFO) << "stop:" << "(signal " << signo << ", stopping in order)";
+                gConsole->stop();
+                app.quit();
+            },
+            &app);
+        app.exec();
+        delete gConsole;
+        gConsole = nullptr;
+        LOG(INFO) << "stop:" << "(every request not yet answered is kept for the next start)";
+        google::FlushLogFiles(google::GLOG_INFO);
+        return 0;
     }
 
     if (oxa_dir_create("./qel_net/", "qel_log") != 0)

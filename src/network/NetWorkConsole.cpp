@@ -77,14 +77,32 @@ NetWorkConsole::NetWorkConsole(QObject* parent, const QString& dbPath)
 
 NetWorkConsole::~NetWorkConsole()
 {
-    // The send threads first: nothing may be queued or answered once the
-    // failure history has stopped.
+    stop();
+    delete watcher;
+    setItemHost(nullptr);
+}
+
+void NetWorkConsole::stop()
+{
+    if (stopped_)
+        return;
+    stopped_ = true;
+    QEL_ASSERT_MAIN_THREAD();
+    // Nothing new from the application, and no worker left waiting for
+    // this thread, which is about to stop serving them.
+    socketInline->closeForStop();
+    socketInfo->closeForStop();
+    socketFile->closeForStop();
     threadInfo->shutdown();
     threadFile->shutdown();
     threadInline->shutdown();
+    imagePacker.stop();     // a look not made now is made at the next start
+    static_cast<QEL_ItemRunState*>(items[19])->stopMeasuring();
+    if (watcher != nullptr)
+        watcher->stop();
+    // Every request still queued already has its row; the last batch is
+    // committed here.
     failStore->stop();
-    delete watcher;
-    setItemHost(nullptr);
 }
 
 void NetWorkConsole::wireServerSocket(QEL_BaseSocket* socket)

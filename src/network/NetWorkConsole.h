@@ -32,6 +32,10 @@ public:
     ~NetWorkConsole() override;
 
     void FirstInit();
+    // Main thread: the orderly stop. Takes no more application messages,
+    // releases and ends every worker, and leaves the failure history
+    // holding every request not yet answered. Bounded in time.
+    void stop();
 
     static int ParseTypeFromInfo(const QString& text);
     static int ParseTypeFromTrig(const QString& path);
@@ -83,4 +87,5 @@ private:
     void queueKept(const QList<struct QEL_QueuedRequest>& kept);
 
     QStringList inlineHeld_;    // texts waiting for the application link to come up
+    bool stopped_ = false;
 };

@@ -11,10 +11,25 @@ JobRunner::~JobRunner()
         worker_.join();
 }
 
+void JobRunner::stop()
+{
+    {
+        std::lock_guard<std::mutex> g(m_);
+        stopped_ = true;
+        quit_ = true;
+        jobs_.clear();
+    }
+    cv_.notify_all();
+    if (worker_.joinable())
+        worker_.join();
+}
+
 void JobRunner::post(std::function<void()> job)
 {
     {
         std::lock_guard<std::mutex> g(m_);
+        if (stopped_)
+            return;
         jobs_.push_back(std::move(job));
         if (!worker_.joinable())
             worker_ = std::thread(&JobRunner::loop, this);

@@ -17,6 +17,9 @@ public:
     JobRunner& operator=(const JobRunner&) = delete;
 
     void post(std::function<void()> job);
+    // Drops the jobs not started yet, waits for the one running, and takes
+    // no more. (The destructor instead runs every job posted.)
+    void stop();
 
 private:
     void loop();
@@ -25,5 +28,6 @@ private:
     std::condition_variable cv_;
     std::deque<std::function<void()>> jobs_;
     bool quit_ = false;
+    bool stopped_ = false;
     std::thread worker_;
 };

@@ -14,6 +14,8 @@ public:
     RetError Item_pickInfo(const QString& in, QString& out) override;
     // Checks the body at once, measures on a worker, queues on the main thread.
     void Item_fromApplication(const QString& body) override;
+    // The agent is stopping: a measurement not started yet is dropped.
+    void stopMeasuring() { measurer_.stop(); }
 
 private:
     JobRunner measurer_;
