@@ -129,6 +129,7 @@ void QEL_BaseThread::drain()
         if (queue.attempts() > 1) {
             LOG(INFO) << "error:" << "12" << "(tims out range to send by " << head.number << ")";
             item->Item_NetErrorOperate(RET_TIMEOUT, head.text);
+            queue.resetAttempts();      // a request kept by its item starts counting again
             continue;
         }
 

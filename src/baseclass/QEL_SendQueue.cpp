@@ -79,6 +79,7 @@ QEL_QueuedRequest QEL_SendQueue::popHead()
         inFlight_ = 0;
     if (current_ == head.id)
         current_ = 0;
+    attempts_ = 0;      // the counter is the head's
     return head;
 }
 
@@ -101,6 +102,7 @@ bool QEL_SendQueue::beginSend(quint64 id)
     if (!headIs(id))
         return false;
     inFlight_ = id;
+    lastSent_ = id;
     answered_ = false;
     lost_ = false;
     return true;
@@ -116,7 +118,8 @@ void QEL_SendQueue::sendFailed(quint64 id)
 void QEL_SendQueue::afterWait()
 {
     QMutexLocker g(&mutex_);
-    if (!answered_ && !lost_)
+    // Only a request still waiting at the head has gone unanswered.
+    if (!answered_ && !lost_ && headIs(lastSent_))
         ++attempts_;
     answered_ = false;
     lost_ = false;
@@ -143,7 +146,6 @@ bool QEL_SendQueue::acknowledge(int number, QEL_QueuedRequest* removed)
     const QEL_QueuedRequest done = popHead();
     if (removed != nullptr)
         *removed = done;
-    attempts_ = 0;
     answered_ = true;
     if (journal_ != nullptr)
         journal_->journalDone(done.id);
@@ -188,7 +190,6 @@ bool QEL_SendQueue::giveUp(const QString& text)
     if (current_ == 0 || !headIs(current_) || entries_.first().text != text)
         return false;
     popHead();
-    attempts_ = 0;
     return true;
 }
 

@@ -109,6 +109,7 @@ private:
     QList<QEL_QueuedRequest> entries_;
     quint64 current_ = 0;       // the head the send thread is handling
     quint64 inFlight_ = 0;      // written, answer awaited (0: none)
+    quint64 lastSent_ = 0;      // the last request written
     int attempts_ = 0;          // sends of the head without an answer
     bool answered_ = false;     // the flight ended by an answer
     bool lost_ = false;         // the flight ended by a lost link

@@ -144,6 +144,30 @@ TEST_F(Fixture, DoneAndDamagedRequestsAreJournalledAsFinished)
     EXPECT_EQ(queue.attempts(), 0);
 }
 
+TEST_F(Fixture, ARefusalHandsTheRequestToTheErrorPathAtOnce)
+{
+    queue.append(QStringList() << "5:/work/qel_alarmimage/Tar_1_9.tar.gz" << "5:next");
+    QEL_QueuedRequest head = sendHead();
+    EXPECT_FALSE(queue.refuse(6));          // another item's refusal
+    EXPECT_TRUE(queue.refuse(5));
+    queue.afterWait();
+    EXPECT_EQ(queue.attempts(), 2);         // the next pass gives it up
+    EXPECT_FALSE(queue.acknowledge(5));     // no longer in flight
+    ASSERT_TRUE(queue.take(head));
+    EXPECT_TRUE(queue.giveUp(head.text));
+    EXPECT_EQ(queue.attempts(), 0);
+    EXPECT_EQ(queue.texts(), QStringList() << "5:next");
+}
+
+TEST_F(Fixture, AWaitCountsAgainstTheHeadOnlyIfItIsStillThere)
+{
+    queue.append(QStringList() << "5:done-by-send" << "5:next");
+    QEL_QueuedRequest head = sendHead();
+    EXPECT_TRUE(queue.removeDone(head.id));
+    queue.afterWait();
+    EXPECT_EQ(queue.attempts(), 0);         // the next request has not been sent
+}
+
 TEST_F(Fixture, KeptRequestsAreNotJournalledAgain)
 {
     QEL_QueuedRequest kept{QEL_SendQueue::newId(), 12, "12:kept"};
