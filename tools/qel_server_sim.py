@@ -787,7 +787,7 @@ class ServerSim:
         if mode == "split":
             head, sep, body = data.partition(b"\r\n\r\n")
             parts = (head + sep, body) if sep and body else (data,)
-            # one write per part: the agent reads one reply per read
+            # head and body with a send call each, `arg` ms apart: two reads
             return c.write(*parts, gap=arg / 1000.0)
         if not c.write(data):   # one write: the agent reads one reply per read
             return False

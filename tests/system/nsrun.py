@@ -42,14 +42,16 @@ def run(*cmd):
     return r.stdout
 
 
-def reexec():
+def reexec(script=None, args=None):
+    """Run `script` (default: this runner) with `args` (default: ours) again
+    inside fresh namespaces, with QEL_IN_NS=1; does not return."""
     cmd = ["unshare"]
     if os.geteuid() != 0:
         cmd.append("-r")
     # --kill-child: if unshare itself is killed (e.g. a CTest time-out), the
     # runner inside gets SIGTERM and cleans up; the agents die with it.
     cmd += ["--net", "--ipc", "--uts", "--mount", "--fork", "--kill-child=SIGTERM",
-            sys.executable, os.path.abspath(__file__)] + sys.argv[1:]
+            sys.executable, os.path.abspath(script or __file__)] + (sys.argv[1:] if args is None else args)
     env = dict(os.environ, QEL_IN_NS="1")
     try:
         os.execvpe("unshare", cmd, env)
@@ -162,16 +164,45 @@ def _terminated(signum, frame):
     raise KeyboardInterrupt("signal %d" % signum)
 
 
+_scratch = []     # what enter() mounted, for leave(), even when a check fails half-way
+
+
+def enter():
+    """Inside the namespaces: private mounts, lo up, the test host name, a
+    private default tree, then the isolation checks (exit status 2 on failure)."""
+    run("mount", "--make-rprivate", "/")
+    run("ip", "link", "set", "lo", "up")
+    run("hostname", HOST_NAME)
+    _scratch.append(private_default_tree())
+    check_isolation()
+
+
+def leave():
+    """Kill what is left of this run in the namespace and undo enter()'s mounts."""
+    scratch = _scratch.pop() if _scratch else None
+    left = leftover_processes()
+    if left:
+        sys.stderr.write("nsrun: killing processes left behind: %s\n" % left)
+        for pid in left:
+            try:
+                os.kill(pid, signal.SIGKILL)
+            except OSError:
+                pass
+        time.sleep(0.2)
+    if scratch:
+        for target in (DEFAULT_TREE, "/root", scratch):
+            subprocess.run(["umount", "-l", target], stderr=subprocess.DEVNULL)
+        try:
+            os.rmdir(scratch)
+        except OSError:
+            pass
+
+
 def inside(test_file, unittest_args):
     signal.signal(signal.SIGTERM, _terminated)
-    scratch = None
     status = 1
     try:
-        run("mount", "--make-rprivate", "/")
-        run("ip", "link", "set", "lo", "up")
-        run("hostname", HOST_NAME)
-        scratch = private_default_tree()
-        check_isolation()
+        enter()
         try:
             module = load_tests(test_file)
         except Exception:
@@ -187,22 +218,7 @@ def inside(test_file, unittest_args):
         sys.stderr.write("nsrun: interrupted (%s)\n" % (e or "SIGINT"))
         status = 130
     finally:
-        left = leftover_processes()
-        if left:
-            sys.stderr.write("nsrun: killing processes left behind: %s\n" % left)
-            for pid in left:
-                try:
-                    os.kill(pid, signal.SIGKILL)
-                except OSError:
-                    pass
-            time.sleep(0.2)
-        if scratch:
-            for target in (DEFAULT_TREE, "/root", scratch):
-                subprocess.run(["umount", "-l", target], stderr=subprocess.DEVNULL)
-            try:
-                os.rmdir(scratch)
-            except OSError:
-                pass
+        leave()
     return status
 
 

@@ -43,26 +43,33 @@ class ApplicationComesBack(RuntimeCase):
         for code in (1, 0):
             with self.subTest(login_code=code):
                 srv = self.server_sim(login_code=code)
-                app = self.app_sim(port=APP_PORT)
                 db = self.make_db(name="login%d.db" % code, info_port=srv.info_port, file_port=srv.file_port)
+                apps = [self.app_sim(port=APP_PORT)]
                 ag = self.agent(db=db).start()
-                app.wait_connected(10)
-                ag.wait_log(r"recv:3\(result:-- %s --\)" % ("success" if code == 0 else "fail"))
-                app.stop()
-                time.sleep(3)
-                app = self.app_sim(port=APP_PORT)
-                back = time.monotonic()
-                app.wait_connected(10)
-                self.assertLessEqual(time.monotonic() - back, 7.0)
-                mark = app.mark()
-                body = '{"after_restart":%d}' % code
-                app.send(7, body)
-                app.wait_notice("back", since=mark, timeout=2)
-                srv.wait_request(path=STATS, predicate=lambda r: r["body"] == body, timeout=5)
-                self.assertTrue(ag.is_running())
-                self.assert_quiet(ag)
-                ag.stop()
-                app.stop()
+                try:
+                    self.restart_application(srv, apps, ag, code)
+                finally:     # the next round needs the port and the link to itself
+                    ag.stop()
+                    for app in apps:
+                        app.stop()
+
+    def restart_application(self, srv, apps, ag, code):
+        apps[0].wait_connected(10)
+        ag.wait_log(r"recv:3\(result:-- %s --\)" % ("success" if code == 0 else "fail"))
+        apps[0].stop()
+        time.sleep(3)
+        app = self.app_sim(port=APP_PORT)
+        apps.append(app)
+        back = time.monotonic()
+        app.wait_connected(10)
+        self.assertLessEqual(time.monotonic() - back, 7.0)
+        mark = app.mark()
+        body = '{"after_restart":%d}' % code
+        app.send(7, body)
+        app.wait_notice("back", since=mark, timeout=2)
+        srv.wait_request(path=STATS, predicate=lambda r: r["body"] == body, timeout=5)
+        self.assertTrue(ag.is_running())
+        self.assert_quiet(ag)
 
 
 class FileServerAway(RuntimeCase):

@@ -1,0 +1,368 @@
+#!/usr/bin/env python3
+"""Durability benchmarks of the running agent against the simulators, in the
+private namespaces of tests/system/nsrun.py (loopback only, tmpfs over the
+default tree):
+
+  killnine  the application sends 5 messages a second (unique bodies), the
+            server answers each after 200 ms, and the agent is killed with
+            SIGKILL 10 times at random moments (3-10 s apart, seeded) and
+            started again each time. At the end (server up, agent running
+            until no request has arrived for a while) it reports what was
+            acknowledged, delivered, lost and delivered twice.
+  outage    the server is down while the application sends 20 messages a
+            second until 100 000 requests are queued (--seed-history K puts K
+            rows into the failure history first, to get there quickly): the
+            acknowledgement latency, the agent's memory per queued request and
+            the rows in the failure history; then the server comes back and
+            the delivery rate over a window gives the time to deliver them all.
+
+    python3 bench/bench_durability.py AGENT_BINARY killnine [--kills 10] [--seed S] ...
+    python3 bench/bench_durability.py AGENT_BINARY outage [--queued 100000] [--seed-history K] ...
+
+Both are bounded in time (see --help of each). Prints its command line and a
+table of results."""
+
+import argparse
+import collections
+import os
+import random
+import shutil
+import signal
+import sqlite3
+import sys
+import tempfile
+import threading
+import time
+from contextlib import closing
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+SYSTEM = os.path.join(ROOT, "tests", "system")
+sys.path.insert(0, SYSTEM)
+sys.path.insert(0, os.path.join(ROOT, "tools"))
+
+import nsrun                                     # noqa: E402
+
+STATS = "/vmu/device/monitor/statistics/upload"
+APP_PORT = 8890
+ACK_WAIT = 5.0          # longest wait for one acknowledgement in the outage run, s
+
+
+def say(text=""):
+    print(text, flush=True)
+
+
+def percentile(values, p):
+    values = sorted(values)
+    if not values:
+        return float("nan")
+    k = min(len(values) - 1, max(0, int(round(p / 100.0 * (len(values) - 1)))))
+    return values[k]
+
+
+def rss_kib(pid):
+    try:
+        with open("/proc/%d/status" % pid) as f:
+            for line in f:
+                if line.startswith("VmRSS:"):
+                    return int(line.split()[1])
+    except OSError:
+        pass
+    return 0
+
+
+def history_rows(db):
+    """(rows, distinct texts) in info_failhistory."""
+    try:
+        with closing(sqlite3.connect("file:%s?mode=ro" % db, uri=True, timeout=10)) as con:
+            return con.execute("select count(*), count(distinct 内容) from info_failhistory").fetchone()
+    except sqlite3.Error:
+        return (0, 0)
+
+
+def table(headers, rows):
+    widths = [max(len(str(x)) for x in col) for col in zip(headers, *rows)]
+    line = lambda cells: "  ".join(str(c).rjust(w) for c, w in zip(cells, widths))
+    say(line(headers))
+    say(line(["-" * w for w in widths]))
+    for r in rows:
+        say(line(r))
+
+
+class Bench:
+    """The simulators, a work directory and one agent run at a time."""
+
+    def __init__(self, binary, keep):
+        from qeltest import AppSim, ServerSim, make_db
+        self.binary, self.keep = binary, keep
+        self.work = tempfile.mkdtemp(prefix="qel_bench_durability_")
+        self.srv = ServerSim(0, 0, record=None).start()
+        self.app = AppSim(APP_PORT, gap_ms=0).start()
+        self.db = make_db(os.path.join(self.work, "sysconf.db"), self.work,
+                          self.srv.info_port, self.srv.file_port,
+                          overrides={"logpath": os.path.join(self.work, "log/")})
+        self.agent = None
+        self.runs = 0
+
+    def start_agent(self):
+        from qeltest import Agent
+        self.runs += 1
+        self.agent = Agent(self.work, db=self.db, log_dir="log")
+        self.agent.binary = self.binary
+        self.agent.start()
+        self.agent.wait_log(r"config success", timeout=30)
+        return self.agent
+
+    def close(self):
+        if self.agent is not None:
+            self.agent.stop()
+        self.app.stop()
+        self.srv.stop()
+        if self.keep:
+            say("work directory kept: %s" % self.work)
+        else:
+            shutil.rmtree(self.work, ignore_errors=True)
+
+
+class Sender(threading.Thread):
+    """Sends unique messages at `rate` a second while the agent is connected
+    and notes when each one's "/back/" came (None: never)."""
+
+    def __init__(self, app, rate, tag):
+        super().__init__(daemon=True)
+        self.app, self.period, self.tag = app, 1.0 / rate, tag
+        self.stop = threading.Event()
+        self.acked = collections.OrderedDict()     # body -> monotonic time of its ack
+        self.sent = 0
+
+    def run(self):
+        n = 0
+        next_at = time.monotonic()
+        while not self.stop.is_set():
+            delay = next_at - time.monotonic()
+            if delay > 0:
+                time.sleep(delay)
+            next_at = max(next_at + self.period, time.monotonic() - self.period)
+            if not self.app.connected():
+                continue
+            body = '{"%s":%d}' % (self.tag, n)
+            n += 1
+            mark = self.app.mark()
+            try:
+                self.app.send(7, body, timeout=0.5)
+                self.sent += 1
+                self.app.wait_notice("back", since=mark, timeout=1.0)
+            except (AssertionError, OSError):
+                continue                         # the agent went away meanwhile
+            self.acked[body] = time.monotonic()
+
+
+def wait_quiet(srv, db, quiet, limit):
+    """Until no request has arrived for `quiet` seconds and the failure
+    history is empty, or `limit` seconds; returns the seconds waited."""
+    start = time.monotonic()
+    count, since = -1, time.monotonic()
+    while time.monotonic() - start < limit:
+        n = len(srv.requests(path=STATS))
+        if n != count:
+            count, since = n, time.monotonic()
+        elif time.monotonic() - since >= quiet and history_rows(db)[0] == 0:
+            break
+        time.sleep(0.2)
+    return time.monotonic() - start
+
+
+def bench_killnine(b, a):
+    rng = random.Random(a.seed)
+    b.srv.slow(a.answer_ms)
+    sender = Sender(b.app, a.rate, "kn")
+    kills, rows = [], []
+    b.start_agent()
+    sender.start()
+    for k in range(a.kills):
+        life = rng.uniform(a.min_gap, a.max_gap)
+        time.sleep(max(0.0, life - (time.monotonic() - b.agent.started_at)))
+        killed = time.monotonic()
+        b.agent.kill9()
+        kills.append(killed)
+        hist = history_rows(b.db)
+        rows.append((k + 1, "%.1f" % life, len(sender.acked), len({r["body"] for r in b.srv.requests(path=STATS)}),
+                     "%d/%d" % hist))
+        b.start_agent()
+    time.sleep(a.final_seconds)          # the last run also takes traffic
+    sender.stop.set()
+    sender.join(5)
+    waited = wait_quiet(b.srv, b.db, a.quiet, a.drain_limit)
+
+    say("kills (rows/distinct: the failure history just after the kill):")
+    table(["kill", "lived s", "acked so far", "delivered so far", "rows/distinct"], rows)
+    delivered = collections.Counter(r["body"] for r in b.srv.requests(path=STATS))
+    lost, at_risk = [], []
+    for body, t in sender.acked.items():
+        if delivered[body]:
+            continue
+        nxt = next((k for k in kills if k >= t), None)
+        (at_risk if nxt is not None and nxt - t <= 1.0 else lost).append(body)
+    dups = {b_: n for b_, n in delivered.items() if n > 1}
+    extra = sum(n - 1 for n in dups.values())
+    say()
+    table(["acknowledged", "delivered", "lost", "at risk (acked <=1 s before a kill)", "duplicated",
+           "extra copies", "duplicates per kill"],
+          [(len(sender.acked), len(delivered), len(lost), len(at_risk), len(dups), extra,
+            "%.2f" % (extra / float(len(kills))))])
+    say("sent %d, seed %d, %d kills, %.1f msg/s, answers after %d ms, drained for %.1f s, "
+        "failure history now %d rows (%d distinct)"
+        % ((sender.sent, a.seed, len(kills), a.rate, a.answer_ms, waited) + tuple(history_rows(b.db))))
+    if lost:
+        say("lost: %s%s" % (", ".join(lost[:10]), " ..." if len(lost) > 10 else ""))
+
+
+def seed_history(db, port, count):
+    from runtime import request_text, seed_failhistory
+    now = int(time.time() * 1000)
+    batch = []
+    for i in range(count):
+        batch.append(request_text(STATS, 7, '{"seeded":%d}' % i, port))
+        if len(batch) == 10000 or i == count - 1:
+            seed_failhistory(db, batch, now)
+            batch = []
+
+
+def bench_outage(b, a):
+    b.srv.down()
+    if a.seed_history:
+        t = time.monotonic()
+        seed_history(b.db, b.srv.info_port, a.seed_history)
+        say("seeded %d rows into the failure history in %.1f s" % (a.seed_history, time.monotonic() - t))
+    ag = b.start_agent()
+    b.app.wait_connected(30)
+    time.sleep(2)
+    rss_start = rss_kib(ag.pid)
+
+    # Each message waits for its "/back/" (at most ACK_WAIT) before the next
+    # goes: a message written while the agent is still busy with the last read
+    # would share a read with it. The schedule stays fixed, so a slow
+    # acknowledgement only shows as a lower achieved rate.
+    lat, unacked, sent = [], 0, 0
+    period = 1.0 / a.rate
+    began = time.monotonic()
+    next_at = began
+    stop_reason = "queued %d" % a.queued
+    while a.seed_history + len(lat) < a.queued:
+        if time.monotonic() - began >= a.max_send_seconds:
+            stop_reason = "--max-send-seconds %d" % a.max_send_seconds
+            break
+        if not ag.is_running():
+            stop_reason = "agent exited"
+            break
+        delay = next_at - time.monotonic()
+        if delay > 0:
+            time.sleep(delay)
+        next_at = max(next_at + period, time.monotonic() - period)
+        mark = b.app.mark()
+        try:
+            b.app.send(7, '{"outage":%d}' % sent, timeout=1)
+            sent_at = time.time()
+            sent += 1
+        except (AssertionError, OSError):
+            stop_reason = "application link lost"
+            break
+        try:
+            back = b.app.wait_notice("back", since=mark, timeout=ACK_WAIT)[0]
+            lat.append((back["time"] - sent_at) * 1000.0)
+        except AssertionError:
+            unacked += 1
+        if sent % (a.rate * 30) == 0:
+            say("  %d sent, %d acknowledged, RSS %.1f MiB" % (sent, len(lat), rss_kib(ag.pid) / 1024.0))
+    sending = time.monotonic() - began
+    queued = a.seed_history + len(lat)
+    rss_end = rss_kib(ag.pid)
+    rows, distinct = history_rows(b.db)
+
+    say("sending phase: %d messages in %.1f s (%.1f/s), stopped by %s" % (sent, sending, sent / max(sending, 1e-9),
+                                                                          stop_reason))
+    table(["acked", "ack p50 ms", "ack p99 ms", "ack max ms", "RSS start MiB", "RSS end MiB",
+           "RSS/added request B", "RSS/queued request B (total)", "history rows", "distinct"],
+          [(len(lat), "%.1f" % percentile(lat, 50), "%.1f" % percentile(lat, 99),
+            "%.1f" % (max(lat) if lat else float("nan")), "%.1f" % (rss_start / 1024.0),
+            "%.1f" % (rss_end / 1024.0),
+            "%.0f" % ((rss_end - rss_start) * 1024.0 / max(1, len(lat))),
+            "%.0f" % (rss_end * 1024.0 / max(1, queued)), rows, distinct)])
+    if unacked:
+        say("note: %d messages not acknowledged within %.0f s" % (unacked, ACK_WAIT))
+
+    b.srv.up()
+    up = time.time()
+    time.sleep(a.deliver_seconds)
+    got = b.srv.requests(path=STATS)
+    in_window = [r for r in got if r["time"] - up <= a.deliver_seconds]
+    first = (in_window[0]["time"] - up) if in_window else float("nan")
+    rate = len(in_window) / float(a.deliver_seconds)
+    left = max(0, queued - len({r["body"] for r in got}))
+    projected = left / rate if rate > 0 else float("inf")
+    say("delivery after the server came back:")
+    table(["queued", "first after s", "delivered in %d s" % a.deliver_seconds, "rate /s", "left",
+           "projected s to deliver all", "projected h"],
+          [(queued, "%.1f" % first, len(in_window), "%.1f" % rate, left, "%.0f" % projected,
+            "%.2f" % (projected / 3600.0))])
+
+
+def _terminated(signum, frame):
+    # unshare --kill-child sends SIGTERM when it is itself killed: clean up as for ^C
+    raise KeyboardInterrupt("signal %d" % signum)
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__,
+                                 formatter_class=argparse.RawDescriptionHelpFormatter)
+    ap.add_argument("binary")
+    ap.add_argument("--keep", action="store_true", help="keep the work directory")
+    sub = ap.add_subparsers(dest="what", required=True)
+    k = sub.add_parser("killnine", help="kill -9 under steady traffic")
+    k.add_argument("--kills", type=int, default=10)
+    k.add_argument("--seed", type=int, default=None, help="random seed of the kill moments (default: time)")
+    k.add_argument("--min-gap", type=float, default=3.0, help="shortest run between kills, s")
+    k.add_argument("--max-gap", type=float, default=10.0, help="longest run between kills, s")
+    k.add_argument("--rate", type=float, default=5.0, help="application messages per second")
+    k.add_argument("--answer-ms", type=int, default=200, help="server answer delay")
+    k.add_argument("--final-seconds", type=float, default=5.0, help="traffic into the last run")
+    k.add_argument("--quiet", type=float, default=5.0, help="no request for this long ends the run")
+    k.add_argument("--drain-limit", type=float, default=180.0, help="longest wait for the end, s")
+    o = sub.add_parser("outage", help="queue while the server is down, then deliver")
+    o.add_argument("--rate", type=int, default=20, help="application messages per second")
+    o.add_argument("--queued", type=int, default=100000, help="stop sending at this many queued requests")
+    o.add_argument("--seed-history", type=int, default=0, metavar="K",
+                   help="rows put into the failure history before the start")
+    o.add_argument("--max-send-seconds", type=int, default=600, help="longest sending phase, s")
+    o.add_argument("--deliver-seconds", type=int, default=60, help="delivery window, s")
+    a = ap.parse_args()
+    if a.what == "killnine" and a.seed is None:
+        a.seed = int(time.time())
+    binary = os.path.abspath(a.binary)
+    if not os.access(binary, os.X_OK):
+        ap.error("not an executable: %s" % binary)
+
+    if os.environ.get("QEL_IN_NS") != "1":
+        nsrun.reexec(os.path.abspath(__file__), sys.argv[1:])
+    signal.signal(signal.SIGTERM, _terminated)
+    say("bench_durability: %s" % " ".join([os.path.basename(sys.argv[0])] + sys.argv[1:]))
+    if a.what == "killnine":
+        say("seed %d" % a.seed)
+    b = None
+    try:
+        nsrun.enter()
+        b = Bench(binary, a.keep)
+        started = time.monotonic()
+        (bench_killnine if a.what == "killnine" else bench_outage)(b, a)
+        say("took %.0f s" % (time.monotonic() - started))
+    except KeyboardInterrupt as e:
+        say("interrupted (%s)" % (e or "SIGINT"))
+        return 130
+    finally:
+        if b is not None:
+            b.close()
+        nsrun.leave()
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
