@@ -142,7 +142,9 @@ class WorkingDirectoriesTest(StartupCase):
         self.assert_banner_then(agent, STATUS_SUCCESS)
         for key in ("logpath", "failpath", "tdata"):   # a directory of mode 0764
             self.assertEqual(oct(os.stat(qeltest.sysconf_value(db, key)).st_mode), oct(stat.S_IFDIR | 0o764), key)
-        self.assertFalse(os.path.exists(self.path("run", "alarmimage")))
+        # the image items make their directories, off the start-up path
+        self.wait_until(lambda: os.path.isdir(self.path("run", "alarmimage", "camera4", "detect2", "OK")),
+                        timeout=5, message="image directories made")
         login = srv.wait_request(path="/vmu/device/login", timeout=10)[0]["body"]
         self.assertEqual(login, "device_id=" + qeltest.TEST_HOST_NAME)
         self.assertEqual(qeltest.read_sysconf(db), before)
