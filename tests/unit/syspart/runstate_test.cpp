@@ -86,6 +86,9 @@ TEST(ReadUptime, FileContents)
 
 TEST(MeasureRunState, RealTop)
 {
+#ifdef QEL_SANITIZED
+    GTEST_SKIP() << "top's output is read within 0.6 ms of this process's processor time, which sanitizers exceed";
+#endif
     if (QStandardPaths::findExecutable(QStringLiteral("top")).isEmpty())
         GTEST_SKIP() << "top is not installed";
     const long long before = readUptimeSeconds();
