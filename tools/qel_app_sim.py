@@ -17,12 +17,15 @@ In-process:
         mark = app.mark()
         app.send(7, '{"total":3}')
         app.wait_notice("back", since=mark)
+        write_images(alarm_root, camera=1, detect=1, kind="NG", count=3)
+        app.send(5, "")          # "new images": the agent looks and uploads
 
 Standard library only.
 """
 
 import argparse
 import json
+import os
 import re
 import select
 import signal
@@ -161,6 +164,71 @@ def _raw_notice(data):
             "raw": data.decode("utf-8", "replace"), "raw_bytes": data, "flags": []}
 
 
+# ---- images on disk -----------------------------------------------------------
+#
+# The application writes its images into directories the agent watches:
+#   alarm images   <alarmimage>/camera<C>/detect<D>/NG/ and .../OK/
+#   templates      <template>/cammer<C><D>/
+
+IMAGE_KINDS = ("NG", "OK", "template")
+
+# Names that a shell would take apart or act upon if they reached one
+# unquoted; the command substitutions would create a file named "pwned*" in
+# the shell's working directory.
+AWKWARD_NAMES = [
+    "two words.bmp",
+    "it's.bmp",
+    'say "cheese".bmp',
+    "semi;colon.bmp",
+    "$(touch pwned-dollar).bmp",
+    "`touch pwned-backtick`.bmp",
+    "two\nlines.bmp",
+    "tab\there.bmp",
+    "star*.bmp",
+    "back\\slash.bmp",
+    "-rf.bmp",
+    "and&&$HOME.bmp",
+    "图像 1.bmp",
+]
+AWKWARD_MARKER = "pwned"
+
+
+def image_dir(root, camera=1, detect=1, kind="NG"):
+    """The directory the agent looks in for `kind` images of one camera and
+    detection index; `root` is the alarm-image root, or the template root for
+    kind "template"."""
+    if kind not in IMAGE_KINDS:
+        raise ValueError("kind %r is not one of %s" % (kind, ", ".join(IMAGE_KINDS)))
+    if kind == "template":
+        return os.path.join(root, "cammer%d%d" % (camera, detect))
+    return os.path.join(root, "camera%d" % camera, "detect%d" % detect, kind)
+
+
+def write_images(root, camera=1, detect=1, kind="NG", count=1, size=4096, prefix="img",
+                 names=None, awkward=False, start=0, data=None):
+    """Write images the way the application would and return their paths, in
+    the order written. Each one is written whole under a hidden name (which
+    the agent does not list) and renamed into place, so the agent never packs
+    half an image. Names are PREFIX_<start+i>.bmp, or `names`, or with
+    awkward=True the AWKWARD_NAMES (count is then ignored). Contents are
+    random bytes (`size` each, so gzip cannot shrink them), or data(i)."""
+    directory = image_dir(root, camera, detect, kind)
+    os.makedirs(directory, exist_ok=True)
+    if awkward:
+        names = list(AWKWARD_NAMES)
+    if names is None:
+        names = ["%s_%06d.bmp" % (prefix, start + i) for i in range(count)]
+    paths = []
+    for i, name in enumerate(names):
+        path = os.path.join(directory, name)
+        hidden = os.path.join(directory, ".writing-%d-%d" % (os.getpid(), threading.get_ident()))
+        with open(hidden, "wb") as f:
+            f.write(data(i) if data is not None else os.urandom(size))
+        os.replace(hidden, path)
+        paths.append(path)
+    return paths
+
+
 class AppSim:
     """The inspection application as the agent sees it (see module docstring)."""
 
@@ -293,6 +361,10 @@ class AppSim:
     def sent(self):
         with self._lock:
             return list(self._sent)
+
+    # Images go to disk, not over the link; here for scripts that hold an AppSim.
+    write_images = staticmethod(write_images)
+    image_dir = staticmethod(image_dir)
 
     # ---- notices ----------------------------------------------------------
 
@@ -428,7 +500,8 @@ def _kind_matches(n, kind):
 
 
 def parse_script_line(line):
-    """One script line -> ("send", bytes) | ("sleep", s) | ("wait", kind, s) | None."""
+    """One script line -> ("send", bytes) | ("sleep", s) | ("wait", kind, s) |
+    ("images", root, keywords) | None."""
     line = line.rstrip("\r\n")
     stripped = line.strip()
     if not stripped or stripped.startswith("#"):
@@ -441,12 +514,30 @@ def parse_script_line(line):
         return ("wait", parts[0], float(parts[1]) if len(parts) > 1 else 10.0)
     if word == "raw":
         return ("send", unescape(line.split("raw ", 1)[1]))
+    if word == "images":
+        return ("images",) + parse_images_args(rest)
     if SEPARATOR in line:
         return ("send", line.encode("utf-8"))
     if re.fullmatch(r"-?\d+", word):
         body = line.split(word, 1)[1]
         return ("send", format_message(word, body[1:] if body.startswith(" ") else body).encode("utf-8"))
     raise ValueError("cannot read script line %r" % line)
+
+
+def parse_images_args(text):
+    """"ROOT [camera=C] [detect=D] [kind=NG|OK|template] [count=N] [size=BYTES]
+    [prefix=P] [start=N] [awkward=1]" -> (root, keyword arguments of write_images)."""
+    words = text.split()
+    if not words:
+        raise ValueError("images wants a root directory")
+    kw = {}
+    for word in words[1:]:
+        key, sep, value = word.partition("=")
+        if not sep or key not in ("camera", "detect", "kind", "count", "size", "prefix", "start", "awkward"):
+            raise ValueError("images: cannot read %r" % word)
+        kw[key] = value if key in ("kind", "prefix") else (value not in ("0", "no") if key == "awkward"
+                                                           else int(value))
+    return words[0], kw
 
 
 def parse_message_arg(arg):
@@ -525,6 +616,10 @@ def main(argv=None):
                                                           ensure_ascii=False), flush=True)
             elif step[0] == "sleep":
                 done.wait(step[1])
+            elif step[0] == "images":
+                written = write_images(step[1], **step[2])
+                print("qel_app_sim: wrote %d image(s) into %s" % (len(written), os.path.dirname(written[0])
+                                                                 if written else step[1]), flush=True)
             elif step[0] == "wait":
                 app.wait_notice(step[1], timeout=step[2], since=mark)
     except AssertionError as e:

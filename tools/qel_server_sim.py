@@ -6,8 +6,10 @@ agent's HTTP/1.1 requests (request line, headers, Content-Length body; many
 requests per connection) and answers each with a one-line JSON body that
 echoes the request's "SessionId" header. Behaviour can be switched at run
 time (down, refusing, silent, slow, closing, garbage, oversize, code N,
-blackhole, duplicate, hold, split), answers can be delayed per rule, and
-every request is recorded.
+blackhole, duplicate, hold, split), reading can be throttled, answers can
+be delayed per rule, and every request is recorded. Bodies are read as they
+stream in (an archive of hundreds of megabytes is never held in memory); an
+upload on the file port is opened as a tar.gz and its members recorded.
 
 Usable as a program (see --help and tools/README.md) or in-process:
 
@@ -23,15 +25,20 @@ Standard library only.
 
 import argparse
 import hashlib
+import io
 import json
 import os
 import select
 import signal
 import socket
 import struct
+import shutil
 import sys
+import tarfile
+import tempfile
 import threading
 import time
+import zlib
 
 from qel_simnet import bind_listener, close_listening, unescape
 
@@ -68,6 +75,14 @@ _DISCARDING_MODES = ("down", "refusing", "blackhole", "silent")
 PORT_NAMES = ("info", "file")
 
 _MAX_HEAD = 1 << 20
+# Bodies up to this size are kept in memory (`body_bytes`); larger ones are
+# streamed to a file (kept with save_bodies, else only while the archive is
+# read) and the record holds their length, digest and members only.
+KEEP_BODY_LIMIT = 16 << 20
+# The record's `body` text covers at most this many bytes of the body.
+BODY_TEXT_LIMIT = 1 << 20
+_RECV_BYTES = 1 << 20
+ARCHIVE_MEMBERS_SHOWN = 5
 
 
 def _json_text(obj):
@@ -140,6 +155,7 @@ class _Port:
         self.blackhole = False
         self.fillers = []
         self.conns = {}      # connection id -> _Conn
+        self.read_rate = None   # bytes a second read from each connection (None: no limit)
 
 
 class _Conn:
@@ -170,11 +186,130 @@ class _Conn:
             return True
 
 
+class _Body:
+    """A request body as it arrives: kept in memory up to a limit, streamed to
+    a file when it must be saved or inspected and is too large to keep, and
+    digested on the way, so a body of hundreds of megabytes is never held."""
+
+    def __init__(self, length, keep, path, digest):
+        self.length = length
+        self.remaining = length
+        self.mem = bytearray() if keep else None
+        self.preview = bytearray()          # the first BODY_TEXT_LIMIT bytes
+        self.path = path
+        self.file = open(path, "wb") if path else None
+        self.sha = hashlib.sha256() if digest else None
+
+    def add(self, chunk):
+        if self.mem is not None:
+            self.mem += chunk
+        elif len(self.preview) < BODY_TEXT_LIMIT:
+            self.preview += chunk[:BODY_TEXT_LIMIT - len(self.preview)]
+        if self.file is not None:
+            self.file.write(chunk)
+        if self.sha is not None:
+            self.sha.update(chunk)
+        self.remaining -= len(chunk)
+
+    def close(self):
+        if self.file is not None:
+            self.file.close()
+            self.file = None
+
+    def discard(self):
+        """For a body cut short by the end of its connection."""
+        self.close()
+        if self.path:
+            try:
+                os.remove(self.path)
+            except OSError:
+                pass
+
+
+class _RequestReader:
+    """Splits one connection's bytes into requests: the head up to the empty
+    line, then Content-Length body bytes (a missing or negative length counts
+    as 0). A head that never ends is taken as it is once it passes _MAX_HEAD."""
+
+    def __init__(self, sim, p, peer, cid):
+        self.sim, self.p, self.peer, self.cid = sim, p, peer, cid
+        self.buf = bytearray()
+        self.head = None
+        self.body = None
+        self.started = None
+
+    def feed(self, data):
+        """Take `data`; returns the requests it completed, oldest first."""
+        out = []
+        view = memoryview(data)
+        while len(view):
+            if self.body is None:
+                if not self.buf:
+                    self.started = time.time()
+                searched = max(0, len(self.buf) - 3)
+                self.buf += view
+                view = view[len(view):]
+                end = self.buf.find(b"\r\n\r\n", searched)
+                if end < 0:
+                    if len(self.buf) > _MAX_HEAD:    # no head in sight: record and drop it
+                        out.append(self.sim._make_record(bytes(self.buf), _Body(0, True, None, True), self))
+                        self.buf = bytearray()
+                    break
+                self.head = bytes(self.buf[:end])
+                view = memoryview(bytes(self.buf[end + 4:]))
+                self.buf = bytearray()
+                _, _, _, _, headers = parse_head(self.head)
+                try:
+                    length = max(0, int(header_value(headers, "Content-Length") or 0))
+                except ValueError:
+                    length = 0
+                self.body = self.sim._new_body(self.p, length)
+            else:
+                take = min(len(view), self.body.remaining)
+                self.body.add(view[:take])
+                view = view[take:]
+            if self.body is not None and self.body.remaining == 0:
+                body, self.body = self.body, None
+                body.close()
+                out.append(self.sim._make_record(self.head, body, self))
+        return out
+
+    def unfinished(self):
+        """What was read of a request the connection ended in the middle of
+        (None if it ended between requests); drops its partial body."""
+        if self.body is None and not self.buf:
+            return None
+        _, method, target, _, headers = parse_head(self.head if self.body is not None else bytes(self.buf))
+        left = {"method": method, "path": target,
+                "session": _session_number(header_value(headers, "SessionId"))}
+        if self.body is not None:
+            left.update(length=self.body.length, received=self.body.length - self.body.remaining)
+            self.body.discard()
+            self.body = None
+        else:
+            left["head_bytes"] = len(self.buf)
+        self.buf = bytearray()
+        return left
+
+
+def list_archive(data=None, path=None):
+    """[[member name, size], ...] of a gzip-compressed tar archive given as
+    bytes or as a file, or None if it is not one."""
+    try:
+        tf = (tarfile.open(fileobj=io.BytesIO(data), mode="r:gz") if path is None
+              else tarfile.open(path, mode="r:gz"))
+        with tf:
+            return [[m.name, m.size] for m in tf]
+    except (tarfile.TarError, OSError, EOFError, zlib.error, ValueError):
+        return None
+
+
 class ServerSim:
     """The central server as the agent sees it (see module docstring)."""
 
     def __init__(self, info_port=0, file_port=0, record=None, mode="normal", arg=None,
-                 heartbeat_msg=None, login_code=None, on_event=None, save_bodies=None):
+                 heartbeat_msg=None, login_code=None, on_event=None, save_bodies=None,
+                 keep_bodies_below=KEEP_BODY_LIMIT, inspect_archives=True, digest_bodies=True):
         self._lock = threading.RLock()
         self._cond = threading.Condition(self._lock)
         self._ports = {"info": _Port("info", info_port), "file": _Port("file", file_port)}
@@ -190,6 +325,10 @@ class ServerSim:
         self._record_file = None
         self._on_event = on_event
         self._save_bodies = save_bodies
+        self._keep_limit = keep_bodies_below
+        self._inspect = inspect_archives
+        self._digest = digest_bodies
+        self._spool = None      # scratch directory for large bodies that are not saved
         self._initial_mode = (mode, arg)
         if heartbeat_msg is not None:
             self.set_reply({"msg": heartbeat_msg}, path=HEARTBEAT_PATH)
@@ -224,6 +363,9 @@ class ServerSim:
             if self._record_file:
                 self._record_file.close()
                 self._record_file = None
+            spool, self._spool = self._spool, None
+        if spool:
+            shutil.rmtree(spool, ignore_errors=True)
 
     def __enter__(self):
         return self.start()
@@ -351,6 +493,16 @@ class ServerSim:
     def split(self, ms=DEFAULT_SPLIT_MS, port=None):
         self.set_mode("split", ms, port=port)
 
+    def throttle(self, kib_per_s, port=None):
+        """Read at most `kib_per_s` KiB a second from each connection (0 or
+        None: as fast as they come), so that an upload takes a while; the
+        behaviour is kept."""
+        rate = int(kib_per_s * 1024) if kib_per_s else None
+        with self._lock:
+            for name in PORT_NAMES if port is None else (port,):
+                self._ports[name].read_rate = rate
+            self._event({"event": "mode", "mode": "throttle", "arg": kib_per_s or 0, "port_name": port})
+
     def flush(self, port=None):
         """Send the held answers, all those of one connection with one send
         call (the client reads them in one read); returns how many were sent.
@@ -404,6 +556,12 @@ class ServerSim:
     def requests(self, path=None, session=None, port=None):
         with self._lock:
             return [r for r in self._records if _req_matches(r, path, session, port)]
+
+    def archives(self, session=None):
+        """The uploads on the file port whose body was a readable tar.gz."""
+        with self._lock:
+            return [r for r in self._records if r["port_name"] == "file" and r.get("archive") is not None
+                    and (session is None or r["session"] == session)]
 
     def wait_request(self, predicate=None, path=None, session=None, port=None, timeout=10, count=1):
         """Wait until `count` requests match; returns them (all matches)."""
@@ -481,6 +639,10 @@ class ServerSim:
                 return "ok"
             if cmd == "flush":
                 return "ok flushed %d" % self.flush(port=port)
+            if cmd == "throttle":
+                arg = rest.strip()
+                self.throttle(0 if arg in ("", "off") else float(arg), port=port)
+                return "ok " + self.status()
             if cmd == "replies-clear":
                 self.clear_replies()
                 return "ok"
@@ -499,8 +661,9 @@ class ServerSim:
             for p in self._ports.values():
                 mode = p.mode + ("" if p.arg is None else " " + str(_printable(p.arg)))
                 held = sum(len(c.held) for c in p.conns.values())
-                parts.append("%s:%d %s conns=%d%s" % (p.name, p.port, mode, len(p.conns),
-                                                      " held=%d" % held if p.mode == "hold" or held else ""))
+                parts.append("%s:%d %s conns=%d%s%s" % (
+                    p.name, p.port, mode, len(p.conns), " held=%d" % held if p.mode == "hold" or held else "",
+                    " throttle=%gKiB/s" % (p.read_rate / 1024.0) if p.read_rate else ""))
             parts.append("requests=%d" % len(self._records))
             return " | ".join(parts)
 
@@ -638,8 +801,9 @@ class ServerSim:
 
     def _serve(self, p, c, peer, cid):
         conn = c.sock
-        buf = b""
+        reader = _RequestReader(self, p, peer, cid)
         closed_by = "peer"
+        next_read = time.monotonic()
         try:
             while True:
                 try:
@@ -651,22 +815,26 @@ class ServerSim:
                     break
                 if not ready:
                     continue
+                rate = p.read_rate
                 try:
-                    data = conn.recv(65536)
+                    data = conn.recv(_RECV_BYTES if not rate else max(1024, min(_RECV_BYTES, rate // 20)))
                 except OSError:
                     break
                 if not data:
                     break
-                buf += data
                 keep = True
-                while keep:
-                    req, buf = self._take_request(buf, p, peer, cid)
-                    if req is None:
-                        break
+                for req in reader.feed(data):
                     keep = self._answer(p, c, req)
+                    if not keep:
+                        break
                 if not keep:
                     closed_by = "server"
                     break
+                if rate:
+                    # a throttled port reads no faster than `rate` on average
+                    next_read = max(next_read, time.monotonic() - 0.1) + len(data) / float(rate)
+                    while not self._stopping and time.monotonic() < next_read:
+                        time.sleep(min(0.05, next_read - time.monotonic()))
         finally:
             with self._lock:
                 p.conns.pop(cid, None)
@@ -676,37 +844,57 @@ class ServerSim:
                 conn.close()
             except OSError:
                 pass
-            self._event({"event": "close", "port": p.port, "port_name": p.name,
-                         "peer": peer, "conn": cid, "by": closed_by})
+            ev = {"event": "close", "port": p.port, "port_name": p.name, "peer": peer, "conn": cid,
+                  "by": closed_by}
+            unfinished = reader.unfinished()
+            if unfinished is not None:
+                ev["unfinished"] = unfinished
+            self._event(ev)
 
-    def _take_request(self, buf, p, peer, cid):
-        end = buf.find(b"\r\n\r\n")
-        if end < 0:
-            if len(buf) > _MAX_HEAD:   # no head in sight: record and drop it
-                return self._make_record(buf, b"", p, peer, cid), b""
-            return None, buf
-        head = buf[:end]
-        _, _, _, _, headers = parse_head(head)
-        try:
-            length = max(0, int(header_value(headers, "Content-Length") or 0))
-        except ValueError:
-            length = 0
-        start = end + 4
-        if len(buf) - start < length:
-            return None, buf
-        return self._make_record(head, buf[start:start + length], p, peer, cid), buf[start + length:]
+    def _new_body(self, p, length):
+        """Where the body of a request on port `p` goes (see _Body)."""
+        keep = length <= self._keep_limit
+        path = None
+        with self._lock:
+            if self._save_bodies and length:
+                self._body_seq += 1
+                path = os.path.join(self._save_bodies, "%06d.body" % self._body_seq)
+            elif not keep and self._inspect and p.name == "file":
+                if self._spool is None:
+                    self._spool = tempfile.mkdtemp(prefix="qel_server_sim_")
+                self._body_seq += 1
+                path = os.path.join(self._spool, "%06d.body" % self._body_seq)
+        return _Body(length, keep, path, self._digest)
 
-    def _make_record(self, head, body, p, peer, cid):
+    def _make_record(self, head, body, reader):
         text, method, target, version, headers = parse_head(head)
         sid = header_value(headers, "SessionId")
-        return {
-            "event": "request", "time": time.time(), "port": p.port, "port_name": p.name,
-            "peer": peer, "conn": cid, "method": method, "path": target, "version": version,
-            "headers": headers, "head": text + "\r\n\r\n", "session_header": sid,
-            "session": _session_number(sid), "body": body.decode("utf-8", "replace"),
-            "body_len": len(body), "body_sha256": hashlib.sha256(body).hexdigest(),
-            "body_bytes": body,
+        kept = body.mem is not None
+        shown = body.mem if kept else body.preview
+        record = {
+            "event": "request", "time": time.time(), "started": reader.started, "port": reader.p.port,
+            "port_name": reader.p.name, "peer": reader.peer, "conn": reader.cid, "method": method,
+            "path": target, "version": version, "headers": headers, "head": text + "\r\n\r\n",
+            "session_header": sid, "session": _session_number(sid),
+            "body": bytes(shown[:BODY_TEXT_LIMIT]).decode("utf-8", "replace"),
+            "body_len": body.length,
+            "body_sha256": body.sha.hexdigest() if body.sha is not None else None,
+            "body_bytes": bytes(body.mem) if kept else None,
         }
+        if body.length > BODY_TEXT_LIMIT:
+            record["body_truncated"] = True
+        if self._inspect and reader.p.name == "file" and body.length:
+            record["archive"] = list_archive(record["body_bytes"]) if kept else list_archive(path=body.path)
+        if body.path:
+            if self._save_bodies and body.path.startswith(self._save_bodies):
+                if record.get("archive") is not None:
+                    named = body.path[:-len(".body")] + ".tar.gz"
+                    os.replace(body.path, named)
+                    body.path = named
+                record["body_file"] = body.path
+            else:
+                body.discard()
+        return record
 
     def _reply_for(self, p, req):
         """(bytes to send or None, printable form, delay in ms or None) for one request."""
@@ -758,13 +946,6 @@ class ServerSim:
         req["reply"] = shown
         if data is not None and delay_ms:
             req["delay_ms"] = delay_ms
-        if self._save_bodies and req["body_len"]:
-            with self._lock:
-                self._body_seq += 1
-                name = os.path.join(self._save_bodies, "%06d.body" % self._body_seq)
-            with open(name, "wb") as f:
-                f.write(req["body_bytes"])
-            req["body_file"] = name
         self._event(req)
         if data is None:
             return True
@@ -837,15 +1018,28 @@ def _format_event(ev):
     stamp = time.strftime("%H:%M:%S", time.localtime(ev["time"])) + ".%03d" % (ev["time"] % 1 * 1000)
     kind = ev["event"]
     if kind == "request":
-        body = ev["body"] if len(ev["body"]) <= 200 else ev["body"][:200] + "...(%d bytes)" % ev["body_len"]
         reply = "(no answer)" if ev["reply"] is None else ev["reply"]
-        return "%s %s #%d %s %s SessionId=%s body=%s -> %s" % (
-            stamp, ev["port_name"], ev["conn"], ev["method"], ev["path"], ev["session_header"],
-            json.dumps(body, ensure_ascii=False), reply)
+        if ev.get("archive") is not None:
+            members = ev["archive"]
+            shown = ", ".join("%s (%d)" % (json.dumps(name, ensure_ascii=False), size)
+                              for name, size in members[:ARCHIVE_MEMBERS_SHOWN])
+            if len(members) > ARCHIVE_MEMBERS_SHOWN:
+                shown += ", ... %d more" % (len(members) - ARCHIVE_MEMBERS_SHOWN)
+            what = "archive of %d bytes, %d member(s): %s" % (ev["body_len"], len(members), shown)
+        else:
+            body = ev["body"] if len(ev["body"]) <= 200 else ev["body"][:200] + "...(%d bytes)" % ev["body_len"]
+            what = "body=" + json.dumps(body, ensure_ascii=False)
+        return "%s %s #%d %s %s SessionId=%s %s -> %s" % (
+            stamp, ev["port_name"], ev["conn"], ev["method"], ev["path"], ev["session_header"], what, reply)
     if kind == "mode":
         return "%s mode %s%s%s" % (stamp, ev["mode"], "" if ev["arg"] is None else " %s" % ev["arg"],
                                   "" if ev["port_name"] is None else " (%s only)" % ev["port_name"])
-    return "%s %s #%d %s %s" % (stamp, ev["port_name"], ev["conn"], kind, ev["peer"])
+    line = "%s %s #%d %s %s" % (stamp, ev["port_name"], ev["conn"], kind, ev["peer"])
+    if ev.get("unfinished"):
+        u = ev["unfinished"]
+        line += " in the middle of %s %s (%s)" % (u["method"], u["path"], "%d of %d body bytes" % (
+            u["received"], u["length"]) if "length" in u else "head incomplete")
+    return line
 
 
 def _control_loop(sim, port, ready):
@@ -895,7 +1089,8 @@ def main(argv=None):
     ap.add_argument("--file-port", type=int, default=8080, help="file port (0: any free)")
     ap.add_argument("--bind", default=LOOPBACK, help="must be 127.0.0.1")
     ap.add_argument("--record", help="write every request and connection event here (JSON lines)")
-    ap.add_argument("--save-bodies", metavar="DIR", help="also store each request body as a file")
+    ap.add_argument("--save-bodies", metavar="DIR", help="also store each request body as a file "
+                    "(NNNNNN.tar.gz for archives, NNNNNN.body otherwise)")
     ap.add_argument("--mode", default="normal", help='initial behaviour, e.g. "silent", "slow 500"')
     ap.add_argument("--heartbeat-msg", help='heartbeat answer {"msg": TEXT} (default OK)')
     ap.add_argument("--login-code", type=int, help='login answer {"code": N} (default 0)')

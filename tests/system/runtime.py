@@ -2,7 +2,12 @@
 loopback ports, the application simulator on the fixed port 8890, and the
 agent between them with its own database."""
 
+import collections
+import io
+import os
+import re
 import sqlite3
+import tarfile
 import time
 from contextlib import closing
 
@@ -81,3 +86,116 @@ class RuntimeCase(AgentTestCase):
         """For a run that has ended too (killed or stopped)."""
         agent.assert_no_qt_thread_warnings()
         agent.assert_no_sanitizer_reports()
+
+
+# ---- image uploads (items 5 and 6) ---------------------------------------------
+
+ALARM, TEMPLATE = 5, 6
+IMAGE_UPLOAD = "/videowatch/uploadImg/saveTarGz/" + HOST
+ITEM_DIR = {ALARM: "qel_alarmimage", TEMPLATE: "qel_tempimage"}
+# The agent's console prints the archive it is about to upload, quoted, on a line of its own.
+_SENT_ARCHIVE = re.compile(r'^"(/[^"\n]*\.tar\.gz)"$', re.M)
+ARCHIVE_NAME = re.compile(r"^Tar_(\d{17})_(\d+)\.tar\.gz$")
+
+
+def members_of(data):
+    """{member name: bytes} of a tar.gz given as bytes."""
+    with tarfile.open(fileobj=io.BytesIO(data), mode="r:gz") as tf:
+        return {m.name: tf.extractfile(m).read() for m in tf if m.isfile()}
+
+
+def make_archive(path, members, mtime=None):
+    """A tar.gz at `path` holding (name, bytes) members, as an earlier run
+    would have left it; its mtime set to `mtime` (seconds) if given."""
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    with tarfile.open(path, "w:gz") as tf:
+        for name, data in members:
+            info = tarfile.TarInfo(name)
+            info.size = len(data)
+            tf.addfile(info, io.BytesIO(data))
+    if mtime is not None:
+        os.utime(path, (mtime, mtime))
+    return path
+
+
+class ImageCase(RuntimeCase):
+    """Image-upload scenarios. make_db puts every path under the work dir:
+    alarm images under <work>/alarmimage/, templates and apppath at <work>/,
+    working dirs under <work>/qel_net/, failure dirs under <work>/qel_net/qel_fail/."""
+
+    def setUp(self):
+        super().setUp()
+        self.alarm_root = self.path("alarmimage")
+        self.template_root = self.work
+        self.apppath = self.work
+        self._fences = 0
+
+    def workdir(self, item):
+        return self.path("qel_net", ITEM_DIR[item])
+
+    def faildir(self, item):
+        return self.path("qel_net", "qel_fail", ITEM_DIR[item])
+
+    def write(self, item=ALARM, camera=1, detect=1, kind=None, **kw):
+        """Images written the way the application does (see qel_app_sim.write_images)."""
+        from qel_app_sim import write_images
+        root = self.alarm_root if item == ALARM else self.template_root
+        return write_images(root, camera, detect, kind or ("NG" if item == ALARM else "template"), **kw)
+
+    def member(self, path):
+        """The archive member name of the image at `path`."""
+        return "./" + os.path.relpath(path, self.apppath)
+
+    def uploaded(self, session=None, srv=None):
+        """Counter of member names over every archive the server received."""
+        return collections.Counter(name for r in (srv or self.srv).archives(session) for name, _ in r["archive"])
+
+    def wait_uploaded(self, paths, session=None, timeout=15, srv=None):
+        """Until every image in `paths` has arrived in some archive."""
+        want = {self.member(p) for p in paths}
+        missing = lambda: want - set(self.uploaded(session, srv))
+        self.wait_until(lambda: not missing(), timeout,
+                        "uploads of %d image(s); missing %s" % (len(want), sorted(missing())[:5]))
+
+    def fence(self, item=ALARM, srv=None, timeout=15):
+        """Write one more image, ask for a look and wait for its archive: the
+        packer and the FILE queue keep their order, so whatever an earlier
+        look packed has been uploaded by then. Returns the fence archive's record."""
+        self._fences += 1
+        path = self.write(item, prefix="fence%d" % self._fences)[0]
+        self.app.send(item, "")
+        name = self.member(path)
+        srv = srv or self.srv
+        return srv.wait_request(lambda r: r.get("archive") and name in [m for m, _ in r["archive"]],
+                                port="file", timeout=timeout)[0]
+
+    def assert_contents(self, srv=None):
+        """Every member of every archive received equals the image on disk."""
+        for r in (srv or self.srv).archives():
+            self.assertIsNotNone(r["body_bytes"], "archive too large to compare")
+            for name, data in members_of(r["body_bytes"]).items():
+                path = os.path.join(self.apppath, name)
+                if os.path.exists(path):
+                    with open(path, "rb") as f:
+                        self.assertEqual(f.read(), data, name)
+
+    def archives_in(self, directory):
+        return sorted(n for n in os.listdir(directory) if n.endswith(".tar.gz")) if os.path.isdir(directory) else []
+
+    def sent_archive_paths(self, agent=None):
+        """The archives the agent started uploading, in order (from its console)."""
+        return _SENT_ARCHIVE.findall((agent or self.ag).stderr_text())
+
+    def wait_file_quiet(self, quiet=1.0, limit=15, srv=None):
+        """Until no request has reached the file port for `quiet` seconds."""
+        srv = srv or self.srv
+        start = time.monotonic()
+        count, since = -1, time.monotonic()
+        while time.monotonic() - start < limit:
+            n = len(srv.requests(port="file"))
+            if n != count:
+                count, since = n, time.monotonic()
+            elif time.monotonic() - since >= quiet:
+                return
+            time.sleep(0.05)
+        self.fail("file port still busy after %.1fs" % limit)

@@ -1,8 +1,12 @@
 """Self-check of the two simulators against plain Python clients; no agent binary."""
 
+import gzip
+import hashlib
+import io
 import json
 import os
 import socket
+import tarfile
 import subprocess
 import sys
 import time
@@ -244,6 +248,116 @@ class ServerSimAnswerShapesTest(qeltest.AgentTestCase):
             proc.stderr.close()
 
 
+def tar_gz(members, level=6):
+    """A gzip-compressed tar archive of (name, bytes) members."""
+    out = io.BytesIO()
+    with gzip.GzipFile(fileobj=out, mode="wb", compresslevel=level) as g, \
+            tarfile.open(fileobj=g, mode="w|") as tf:
+        for name, data in members:
+            info = tarfile.TarInfo(name)
+            info.size = len(data)
+            tf.addfile(info, io.BytesIO(data))
+    return out.getvalue()
+
+
+def upload(path="/videowatch/uploadImg/saveTarGz/h", session=5, length=None):
+    return ("POST %s HTTP/1.1\r\nContent-type: application/octet-stream\r\nSessionId: %d\r\n"
+            "User-Agent: FILE\r\nContent-Length: %d\r\n\r\n" % (path, session, length)).encode()
+
+
+class ServerSimUploadTest(qeltest.AgentTestCase):
+    """The file port reads archives as they stream in and lists their members."""
+
+    def test_bodies_are_opened_as_archives_on_the_file_port(self):
+        members = [("./alarmimage/camera1/detect1/NG/a b.bmp", os.urandom(3000)),
+                   ("./alarmimage/camera1/detect1/NG/it's\n$(x).bmp", b""),
+                   ("./cammer11/图像.bmp", b"x" * 70000)]
+        archive = tar_gz(members)
+        cases = [("archive", "file", archive, [[n, len(d)] for n, d in members]),
+                 ("text body", "file", b"name=t1.bmp", None),
+                 ("gzip of no tar", "file", gzip.compress(b"not a tar" * 100), None),
+                 ("cut archive", "file", archive[:len(archive) // 2], None),
+                 ("info port", "info", archive, "absent")]
+        save = self.path("bodies")
+        srv = self.server_sim(save_bodies=save)
+        for name, port, body, want in cases:
+            with self.subTest(name), connect(srv.port_of(port)) as c:
+                c.sendall(upload(length=len(body)) + body)
+                self.assertEqual(read_reply(c)[1]["SessionId"], "5")
+                r = srv.requests(port=port)[-1]
+                self.assertEqual(r.get("archive", "absent"), want)
+                self.assertEqual((r["body_len"], r["body_bytes"]), (len(body), body))
+                self.assertEqual(r["body_sha256"], hashlib.sha256(body).hexdigest())
+                self.assertTrue(r["body_file"].endswith(".tar.gz" if isinstance(want, list) else ".body"))
+                with open(r["body_file"], "rb") as f:
+                    self.assertEqual(f.read(), body)
+        self.assertEqual(len(srv.archives()), 1)
+        with open(self.path("server-requests-1.jsonl"), encoding="utf-8") as f:
+            recorded = [json.loads(line) for line in f if '"request"' in line]
+        self.assertEqual(recorded[0]["archive"], cases[0][3])
+
+    def test_large_body_is_streamed_not_kept(self):
+        """Over the keep limit: no body in memory, the archive still listed,
+        requests after it on the same connection still read."""
+        big = os.urandom(3 << 20)
+        archive = tar_gz([("./big.bin", big), ("./small.bin", b"s")], level=0)
+        srv = self.server_sim(keep_bodies_below=1 << 20)
+        with connect(srv.file_port, timeout=10) as c:
+            c.sendall(upload(length=len(archive)) + archive + request("/videowatch/picture/removeTemplate", 11, "n=1"))
+            srv.wait_request(count=2, timeout=10)
+        big_r, small_r = srv.requests()
+        self.assertIsNone(big_r["body_bytes"])
+        self.assertTrue(big_r["body_truncated"])
+        self.assertEqual(big_r["archive"], [["./big.bin", len(big)], ["./small.bin", 1]])
+        self.assertEqual(big_r["body_sha256"], hashlib.sha256(archive).hexdigest())
+        self.assertLessEqual(big_r["started"], big_r["time"])
+        self.assertEqual((small_r["session"], small_r["body"], small_r["archive"]), (11, "n=1", None))
+
+    def test_refusal_silence_and_outage_per_port(self):
+        srv = self.server_sim()
+        archive = tar_gz([("./a.bmp", b"a")])
+        cases = [("file code 1", {"file": b'{"code":1}', "info": b'{"code":0}'}),
+                 ("file silent", {"file": None, "info": b'{"code":0}'}),
+                 ("normal", {"file": b'{"code":0}', "info": b'{"code":0}'}),
+                 ("info code 2", {"file": b'{"code":0}', "info": b'{"code":2}'})]
+        for command, want in cases:
+            with self.subTest(command):
+                self.assertTrue(srv.command(command).startswith("ok"))
+                for port, body in want.items():
+                    with connect(srv.port_of(port)) as c:
+                        c.sendall(upload(path="/vmu/device/runstate", length=len(archive)) + archive)
+                        got = b"".join(d for _, d in reads(c, quiet=0.3))
+                        if body is None:
+                            self.assertEqual(got, b"")
+                        else:
+                            self.assertTrue(got.endswith(body), got)
+        srv.command("file down")
+        self.assertRaises(ConnectionRefusedError, connect, srv.file_port)
+        with connect(srv.info_port):
+            pass
+
+    def test_upload_cut_short_and_throttled_reading(self):
+        srv = self.server_sim()
+        body = os.urandom(96 * 1024)
+        with connect(srv.file_port) as c:
+            c.sendall(upload(length=len(body) * 2) + body)
+            self.wait_until(lambda: srv.status().count("conns=1") == 1, 2, "connection open")
+            time.sleep(0.3)
+        close = self.wait_until(lambda: [e for e in srv.events() if e["event"] == "close"], 3, "close event")[0]
+        self.assertEqual(close["unfinished"], {"method": "POST", "path": "/videowatch/uploadImg/saveTarGz/h",
+                                               "session": 5, "length": len(body) * 2, "received": len(body)})
+        self.assertEqual(srv.requests(), [])
+        self.assertTrue(srv.command("file throttle 64").startswith("ok"))
+        self.assertIn("throttle=64KiB/s", srv.status())
+        with connect(srv.file_port, timeout=10) as c:
+            started = time.monotonic()
+            c.sendall(upload(length=len(body)) + body)
+            self.assertEqual(read_reply(c)[1]["SessionId"], "5")
+            self.assertGreaterEqual(time.monotonic() - started, 1.0)     # 96 KiB at 64 KiB/s
+        srv.throttle(0, port="file")
+        self.assertNotIn("throttle", srv.status())
+
+
 class AppSimTest(qeltest.AgentTestCase):
 
     def test_sends_one_message_per_write(self):
@@ -256,6 +370,30 @@ class AppSimTest(qeltest.AgentTestCase):
             self.assertEqual(agent.recv(65536), b"3:abc:..!")
         stamps = [t for t, _ in app.sent()]
         self.assertGreaterEqual(stamps[1] - stamps[0], 0.14)
+
+    def test_images_are_written_whole_where_the_agent_looks(self):
+        from qel_app_sim import AWKWARD_NAMES, parse_script_line, write_images
+        root = self.path("alarmimage")
+        cases = [(dict(camera=2, detect=1, kind="NG", count=3, size=100), "camera2/detect1/NG",
+                  ["img_000000.bmp", "img_000001.bmp", "img_000002.bmp"]),
+                 (dict(camera=1, detect=2, kind="OK", count=1, prefix="p", start=7), "camera1/detect2/OK",
+                  ["p_000007.bmp"]),
+                 (dict(camera=3, detect=2, kind="template", count=1), "cammer32", ["img_000000.bmp"]),
+                 (dict(awkward=True), "camera1/detect1/NG", AWKWARD_NAMES)]
+        for kw, where, names in cases:
+            with self.subTest(**kw):
+                paths = write_images(root, **kw)
+                self.assertEqual(paths, [os.path.join(root, where, n) for n in names])
+                self.assertEqual(sorted(os.listdir(os.path.join(root, where))), sorted(names))
+                self.assertEqual({os.path.getsize(p) for p in paths}, {kw.get("size", 4096)})
+        contents = []
+        for p in paths[:2]:
+            with open(p, "rb") as f:
+                contents.append(f.read())
+        self.assertNotEqual(*contents)
+        self.assertEqual(parse_script_line("images /r kind=template count=2 camera=3 awkward=1"),
+                         ("images", "/r", {"kind": "template", "count": 2, "camera": 3, "awkward": True}))
+        self.assertRaises(ValueError, write_images, root, kind="ng")
 
     def test_notice_stream(self):
         """Notices are parsed whether coalesced into one read or split anywhere."""
