@@ -15,6 +15,10 @@
 #include "oxa_dir.h"
 #include "startup.h"
 
+#ifndef QEL_VERSION
+#error "QEL_VERSION is the project version, defined by CMakeLists.txt"
+#endif
+
 void chkDirComplete()
 {
     if (oxa_dir_create(gConfig->logpath.toUtf8().constData(), "") != 0)
@@ -41,7 +45,7 @@ int main(int argc, char* argv[])
     if (gConfig->status == QEL_SQLConf::kSuccess) {
         chkDirComplete();
         gGlog = new GLog(gConfig->logpath.toUtf8().toStdString(), argv, &app);
-        LOG(INFO) << "version:1.0.2" << " release";
+        LOG(INFO) << "version:" QEL_VERSION << " release";
         LOG(INFO) << gConfig->status.toUtf8().constData();
         LOG(INFO) << "log:" << "(log files older than " << GLog::kKeepLogDays << " days are removed)";
         gConsole = new NetWorkConsole(&app, dbPath);
@@ -65,7 +69,7 @@ int main(int argc, char* argv[])
         perror("logdir create wrong");
     const std::string logDir = std::string("./qel_net/") + "qel_log";
     gGlog = new GLog(logDir, argv, &app);
-    LOG(INFO) << "version:1.0.2" << " release";
+    LOG(INFO) << "version:" QEL_VERSION << " release";
     LOG(INFO) << gConfig->status.toUtf8().constData();
     return 0;
 }
