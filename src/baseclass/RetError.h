@@ -10,6 +10,8 @@ enum RetError : int {
     RET_TYPE_RANGE = 6,         // application message names a type above 20
     RET_MALFORMED = 7,          // application message malformed / nothing to pack
     ERR_NetNoConnect = 8,       // socket not connected; the send thread stops
+    RET_VIDEO_ALREADY = 9,      // the frame buffers were announced before: nothing done
+    RET_NOTHING_TO_COPY = 10,   // no camera to push, or no frame rate: no copy thread
     RET_DAMAGED = 11,           // item number of a queued text cannot be determined
     RET_TIMEOUT = 12,           // sent twice without a reply
     RET_HEART_TIMEOUT = 13,     // heartbeat not acknowledged in time

@@ -18,6 +18,7 @@
 #include "QEL_ItemHeartBeat.h"
 #include "QEL_ItemLoad.h"
 #include "QEL_ItemRunState.h"
+#include "QEL_ItemVideo.h"
 #include "QEL_SQLConf.h"
 #include "QEL_SimpleItems.h"
 #include "QEL_SocketInline.h"
@@ -98,6 +99,7 @@ void NetWorkConsole::stop()
     threadInline->shutdown();
     imagePacker.stop();     // a look not made now is made at the next start
     static_cast<QEL_ItemRunState*>(items[19])->stopMeasuring();
+    static_cast<QEL_ItemVideo*>(items[9])->stopVideo();
     if (watcher != nullptr)
         watcher->stop();
     // Every request still queued already has its row; the last batch is

@@ -1,11 +1,17 @@
 #include "QEL_SocketInline.h"
 
+#include <sys/ipc.h>
+#include <sys/shm.h>
+
 #include <cstring>
 
 #include <glog/logging.h>
 
+#include "MemoryInfo.h"
 #include "NetWorkConsole.h"
 #include "QEL_BaseItem.h"
+#include "QEL_ItemVideo.h"
+#include "QEL_Semaphore.h"
 #include "RetError.h"
 #include "globals.h"
 
@@ -83,11 +89,54 @@ int QEL_SocketInline::ParsingAndSend(const QString& message)
     return RET_OK;
 }
 
-int QEL_SocketInline::OperaSharedMemory(const QString&)
+int QEL_SocketInline::OperaSharedMemory(const QString& body)
 {
-    // The shared-memory frame intake arrives with the live-video work; until
-    // then the announcement is logged and otherwise ignored.
+    if (sharedMemoryStarted)
+        return RET_VIDEO_ALREADY;
+    QList<CameraAnnounce> cameras;
+    if (!memoryinfo::parse(body.toUtf8(), cameras))
+        return RET_BAD_APP_JSON;
+
+    auto* video = static_cast<QEL_ItemVideo*>(gConsole->items[9]);
+    for (const CameraAnnounce& c : cameras) {
+        VideoPushInfo push;
+        if (!attachCamera(c, push))
+            continue;       // not the application's buffers: no push, no log line
+        push.mux = video->CreateMux(c.cameraid, c.width, c.height, 1000000, 20);
+        video->pushList.append(push);
+    }
+    video->StartCopy();
+    sharedMemoryStarted = true;
     return RET_OK;
+}
+
+bool QEL_SocketInline::attachCamera(const CameraAnnounce& camera, VideoPushInfo& push)
+{
+    if (!camera.usable)
+        return false;
+    // Looked up, never created: a camera that does not match leaves nothing
+    // behind. The segment must hold the frame size announced.
+    const int shmid = shmget(ftok("/tmp", camera.shmProject), 0, 0);
+    if (shmid == -1 || shmid != camera.shmid)
+        return false;
+    shmid_ds info{};
+    if (shmctl(shmid, IPC_STAT, &info) != 0 || info.shm_segsz < static_cast<size_t>(camera.size))
+        return false;
+    void* memory = shmat(shmid, nullptr, 0);
+    if (memory == reinterpret_cast<void*>(-1))
+        return false;
+    auto* semaphore = new QEL_Semaphore(ftok("/tmp", camera.semProject));
+    const int semid = semaphore->get_sem();
+    if (semid == -1 || semid != camera.semid) {
+        delete semaphore;
+        shmdt(memory);
+        return false;
+    }
+    push.cameraid = camera.cameraid;
+    push.sharedMemory = static_cast<char*>(memory);
+    push.size = camera.size;
+    push.semaphore = semaphore;
+    return true;
 }
 
 QEL_ThreadInLine::QEL_ThreadInLine(QObject* parent)

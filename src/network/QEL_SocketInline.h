@@ -4,6 +4,9 @@
 #include "QEL_BaseSocket.h"
 #include "QEL_BaseThread.h"
 
+struct CameraAnnounce;
+struct VideoPushInfo;
+
 // The link to the inspection application on 127.0.0.1:8890. One TCP read is
 // one message "<type>:<field>:..!<body>"; every read is acknowledged with a
 // "/back/" notice before it is parsed.
@@ -18,6 +21,8 @@ public:
     // The message grammar alone: RET_OK with type and body, RET_MALFORMED
     // (separator or head not exactly two parts) or RET_TYPE_RANGE.
     static int splitMessage(const QString& message, int& type, QString& body);
+    // Type 9: attaches the announced camera buffers and starts their pushes,
+    // once per process. 9 when done before, 14 when the body is unusable.
     int OperaSharedMemory(const QString& body);
 
     bool sharedMemoryStarted = false;
@@ -26,6 +31,9 @@ public slots:
     void SlotRecvData() override;
 
 private:
+    // The camera's segment and semaphore, when their ids are the announced ones.
+    static bool attachCamera(const CameraAnnounce& camera, VideoPushInfo& push);
+
     CHttp_AppBack appBack_;
 };
 

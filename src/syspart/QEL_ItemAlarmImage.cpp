@@ -390,20 +390,3 @@ RetError QEL_ItemTemplate::Item_PickTar(const QStringList& files, QStringList& t
 {
     return packInto(files, tars, 1);
 }
-
-// ---- video (placeholder until the live-video work) ------------------------------
-
-QEL_ItemVideo::QEL_ItemVideo(QObject* parent)
-    : QEL_BaseItem(parent)
-{
-    number = 9;
-}
-
-RetError QEL_ItemVideo::Item_Init()
-{
-    return RET_OK;
-}
-
-void QEL_ItemVideo::Item_fromApplication(const QString&)
-{
-}

@@ -92,14 +92,3 @@ public:
     RetError Item_PickTar(const QStringList& files, QStringList& tars) override;
     QStringList imageDirs() const override;
 };
-
-// Live video (9): talks to its own push address, binds no server socket.
-// Frame intake and streaming arrive with the live-video work.
-class QEL_ItemVideo : public QEL_BaseItem
-{
-    Q_OBJECT
-public:
-    explicit QEL_ItemVideo(QObject* parent);
-    RetError Item_Init() override;
-    void Item_fromApplication(const QString& body) override;
-};

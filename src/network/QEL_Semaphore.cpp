@@ -1,0 +1,61 @@
+#include "QEL_Semaphore.h"
+
+#include <sys/ipc.h>
+#include <sys/sem.h>
+
+namespace {
+
+// Linux leaves the union to the caller.
+union semun {
+    int val;
+    struct semid_ds* buf;
+    unsigned short* array;
+};
+
+void operate(int id, short delta)
+{
+    sembuf op{};
+    op.sem_num = 0;
+    op.sem_op = delta;
+    op.sem_flg = SEM_UNDO;
+    semop(id, &op, 1);
+}
+
+}  // namespace
+
+QEL_Semaphore::QEL_Semaphore(int key)
+    : key_(key)
+{
+}
+
+int QEL_Semaphore::create_sem(int nsems)
+{
+    const int id = semget(key_, nsems, IPC_CREAT | 0666);
+    if (id != -1) {
+        semun arg{};
+        arg.val = 1;
+        if (semctl(id, 0, SETVAL, arg) != -1)
+            id_ = id;
+    }
+    return id;
+}
+
+int QEL_Semaphore::get_sem()
+{
+    const int id = semget(key_, 0, 0);
+    if (id != -1)
+        id_ = id;
+    return id;
+}
+
+void QEL_Semaphore::P_sem()
+{
+    if (id_ != -1)
+        operate(id_, -1);
+}
+
+void QEL_Semaphore::V_sem()
+{
+    if (id_ != -1)
+        operate(id_, +1);
+}

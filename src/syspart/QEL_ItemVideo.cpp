@@ -1,0 +1,175 @@
+#include "QEL_ItemVideo.h"
+
+#include <QDateTime>
+#include <QTimerEvent>
+
+#include <sys/shm.h>
+
+#include <atomic>
+#include <cstdio>
+
+#include <glog/logging.h>
+
+#include "MuxThread.h"
+#include "QEL_SQLConf.h"
+#include "QEL_Semaphore.h"
+#include "ThreadCheck.h"
+#include "globals.h"
+
+namespace {
+
+// Every 100th frame posted (the 1st, 101st ...) is logged, process-wide.
+std::atomic<unsigned long> gPostCount{0};
+
+constexpr int kPassPauseMs = 50;
+
+}  // namespace
+
+// ---- copy thread --------------------------------------------------------------
+
+QEL_ItemVideoThreadCopy::QEL_ItemVideoThreadCopy(QEL_ItemVideo* item)
+    : QThread(item)
+    , item_(item)
+{
+}
+
+QEL_ItemVideoThreadCopy::~QEL_ItemVideoThreadCopy()
+{
+    finish();
+    wait();
+}
+
+void QEL_ItemVideoThreadCopy::setRunning()
+{
+    std::lock_guard<std::mutex> lock(tickMutex_);
+    running_ = true;
+}
+
+void QEL_ItemVideoThreadCopy::finish()
+{
+    {
+        std::lock_guard<std::mutex> lock(tickMutex_);
+        running_ = false;
+    }
+    tickChanged_.notify_all();
+}
+
+void QEL_ItemVideoThreadCopy::timerEvent(QTimerEvent* event)
+{
+    {
+        std::lock_guard<std::mutex> lock(tickMutex_);
+        tick_ = true;
+    }
+    tickChanged_.notify_all();
+    QThread::timerEvent(event);
+}
+
+bool QEL_ItemVideoThreadCopy::waitFor(int ms)
+{
+    std::unique_lock<std::mutex> lock(tickMutex_);
+    if (ms >= 0) {
+        tickChanged_.wait_for(lock, std::chrono::milliseconds(ms), [this] { return !running_; });
+    } else {
+        tickChanged_.wait(lock, [this] { return tick_ || !running_; });
+        tick_ = false;
+    }
+    return running_;
+}
+
+void QEL_ItemVideoThreadCopy::run()
+{
+    // Cameras announced after the start are not served by this run.
+    const int n = item_->pushList.size();
+    if (n == 0)
+        return;
+    while (waitFor(-1)) {
+        for (int i = 0; i < n; ++i) {
+            const VideoPushInfo& push = item_->pushList.at(i);
+            // The frame is copied out while the application is kept from
+            // writing it; the encode happens later, on the push thread.
+            push.semaphore->P_sem();
+            const qint64 now = QDateTime::currentDateTime().toMSecsSinceEpoch();
+            if (gPostCount.fetch_add(1) % 100 == 0)
+                LOG(INFO) << "send video: " << "cur=" << i << " " << (now % 86400000) / 1000 << "." << now % 1000;
+            push.mux->mux()->PostImgBuffer(push.sharedMemory, push.size, static_cast<long>(now), CMux::kI420);
+            push.semaphore->V_sem();
+        }
+        if (!waitFor(kPassPauseMs))
+            break;
+    }
+}
+
+// ---- item ---------------------------------------------------------------------------
+
+QEL_ItemVideo::QEL_ItemVideo(QObject* parent)
+    : QEL_BaseItem(parent)
+    , copy_(new QEL_ItemVideoThreadCopy(this))
+{
+    number = 9;
+}
+
+QEL_ItemVideo::~QEL_ItemVideo()
+{
+    stopVideo();
+    for (const VideoPushInfo& push : pushList) {
+        delete push.semaphore;
+        shmdt(push.sharedMemory);
+    }
+}
+
+RetError QEL_ItemVideo::Item_Init()
+{
+    return RET_OK;
+}
+
+void QEL_ItemVideo::Item_fromApplication(const QString&)
+{
+    // The application announces video with its own message type, handled
+    // by the application link; there is nothing to send for item 9.
+}
+
+MuxThread* QEL_ItemVideo::CreateMux(int cameraid, int width, int height, int bit_rate, int fps_)
+{
+    QEL_ASSERT_MAIN_THREAD();
+    char camera[12] = {};
+    std::snprintf(camera, sizeof camera, "%d", cameraid + 1);   // camera 0 is pushed as "1"
+    const QByteArray device = gConfig->useInlineName.toUtf8();
+    const QByteArray serverIp = gConfig->serverip_video.toLatin1();
+    const int serverPort = gConfig->serverport_video.toInt();
+
+    auto* thread = new MuxThread(camera, device.constData(), serverIp.constData(), serverPort, width, height, bit_rate,
+                                 fps_, this);
+    thread->start(QThread::HighestPriority);
+    thread->stream();
+    fps = fps_;
+    return thread;
+}
+
+int QEL_ItemVideo::StartCopy()
+{
+    QEL_ASSERT_MAIN_THREAD();
+    if (pushList.isEmpty() || fps == 0)
+        return RET_NOTHING_TO_COPY;
+    if (copy_->isRunning())
+        return RET_OK;
+    copy_->setRunning();
+    copyTimer_ = copy_->startTimer(static_cast<int>(1.0f / fps * 1000.0f));
+    copy_->start(QThread::InheritPriority);
+    return RET_OK;
+}
+
+void QEL_ItemVideo::stopVideo()
+{
+    QEL_ASSERT_MAIN_THREAD();
+    if (copyTimer_ != 0) {
+        copy_->killTimer(copyTimer_);
+        copyTimer_ = 0;
+    }
+    copy_->finish();
+    copy_->wait();
+    const QList<MuxThread*> threads = findChildren<MuxThread*>();
+    for (MuxThread* t : threads)
+        t->finish();
+    for (MuxThread* t : threads)
+        t->wait();
+}
