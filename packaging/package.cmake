@@ -27,7 +27,7 @@ install(CODE [[
 install(FILES ${CMAKE_BINARY_DIR}/packaging/qel_net.service DESTINATION ${QEL_SYSTEMD_UNIT_DIR})
 
 set(QEL_TOOLS_DIR ${CMAKE_INSTALL_DATADIR}/qel-net/tools)
-install(PROGRAMS tools/qel_server_sim.py tools/qel_app_sim.py tools/qel_config.py
+install(PROGRAMS tools/qel_server_sim.py tools/qel_app_sim.py tools/qel_cdn_sink.py tools/qel_config.py
         DESTINATION ${QEL_TOOLS_DIR})
 install(FILES tools/qel_simnet.py tools/README.md DESTINATION ${QEL_TOOLS_DIR})
 

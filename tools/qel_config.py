@@ -3,6 +3,7 @@
 server at 127.0.0.1, every working path under one directory.
 
     tools/qel_config.py sysconf.db --dir /tmp/qel-trial [--info-port 18000] [--file-port 18080]
+                        [--video-port 18888]
 
 The agent's own defaults (a server at 192.168.1.1, paths under /root/bin-AOI)
 are never written by this tool. Standard library only.
@@ -41,13 +42,14 @@ DEFAULT_KEYS = [
     ("thispath", "/root/bin-AOI/qel_net/sysconf.db", "本db文件所在的绝对路径"),
 ]
 
-def make_db(path, workdir, info_port=None, file_port=None, overrides=None):
+def make_db(path, workdir, info_port=None, file_port=None, overrides=None, video_port=None):
     """Write a configuration database with paths under `workdir` and servers at
     127.0.0.1; return `path`. `overrides` maps a key to a new value, or to None
     to leave that row out (unknown keys are added)."""
     workdir = os.path.abspath(workdir)
     values = {"serverport_info": str(8000 if info_port is None else info_port),
-              "serverport_file": str(8080 if file_port is None else file_port)}
+              "serverport_file": str(8080 if file_port is None else file_port),
+              "serverport_video": str(8888 if video_port is None else video_port)}
     overrides = dict(overrides or {})
     rows = []
     for key, default, desc in DEFAULT_KEYS:
@@ -75,10 +77,11 @@ def main(argv=None):
     ap.add_argument("--dir", required=True, help="directory for the agent's working paths")
     ap.add_argument("--info-port", type=int, default=8000)
     ap.add_argument("--file-port", type=int, default=8080)
+    ap.add_argument("--video-port", type=int, default=8888)
     a = ap.parse_args(argv)
-    make_db(a.db, a.dir, a.info_port, a.file_port)
-    print("wrote %s (servers 127.0.0.1:%d/%d, paths under %s)"
-          % (a.db, a.info_port, a.file_port, os.path.abspath(a.dir)))
+    make_db(a.db, a.dir, a.info_port, a.file_port, video_port=a.video_port)
+    print("wrote %s (servers 127.0.0.1:%d/%d/%d, paths under %s)"
+          % (a.db, a.info_port, a.file_port, a.video_port, os.path.abspath(a.dir)))
     return 0
 
 

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Central-server simulator for the qel_net agent.
 
-Listens on 127.0.0.1 on an information port and a file port, reads the
-agent's HTTP/1.1 requests (request line, headers, Content-Length body; many
+Listens on 127.0.0.1 on an information port, a file port and a video port,
+reads the agent's HTTP/1.1 requests (request line, headers, Content-Length body; many
 requests per connection) and answers each with a one-line JSON body that
 echoes the request's "SessionId" header. Behaviour can be switched at run
 time (down, refusing, silent, slow, closing, garbage, oversize, code N,
@@ -10,12 +10,14 @@ blackhole, duplicate, hold, split), reading can be throttled, answers can
 be delayed per rule, and every request is recorded. Bodies are read as they
 stream in (an archive of hundreds of megabytes is never held in memory); an
 upload on the file port is opened as a tar.gz and its members recorded.
+The video port answers the agent's push-address query (one request per
+connection, answered and closed) with the address of a stream sink.
 
 Usable as a program (see --help and tools/README.md) or in-process:
 
     from qel_server_sim import ServerSim
-    with ServerSim(info_port=0, file_port=0) as srv:
-        ...                      # point the agent at srv.info_port/file_port
+    with ServerSim(info_port=0, file_port=0, video_port=0, cdn_port=sink.port) as srv:
+        ...                      # point the agent at srv.info_port/file_port/video_port
         srv.wait_request(path="/vmu/device/login")
         srv.silent()
         srv.set_reply({"msg": "ok"}, path="/vmu/device/heartbeat")
@@ -29,7 +31,6 @@ import io
 import json
 import os
 import select
-import signal
 import socket
 import struct
 import shutil
@@ -40,7 +41,8 @@ import threading
 import time
 import zlib
 
-from qel_simnet import bind_listener, close_listening, unescape
+from qel_simnet import (DEFAULT_CDN_PORT, bind_listener, close_listening, read_stdin_commands,
+                        send_control, serve_control, stamp, stop_event, unescape)
 
 LOOPBACK = "127.0.0.1"
 
@@ -48,6 +50,7 @@ LOGIN_PATH = "/vmu/device/login"
 HEARTBEAT_PATH = "/vmu/device/heartbeat"
 PRODUCT_INFO_PATH = "/vmu/device/initial"
 REMINDER_PATH = "/vmu/device/reminder"
+PUSH_QUERY_PATH = "/vmu/inlive/pushurl/query"
 
 # Scripted answers per endpoint path (query ignored); anything else gets
 # FALLBACK_REPLY.
@@ -72,7 +75,7 @@ MODES = ("normal", "down", "refusing", "silent", "slow", "closing", "garbage",
 # Leaving "hold" for one of these discards the held answers (their connections
 # are closed or turn silent); any other behaviour sends them first.
 _DISCARDING_MODES = ("down", "refusing", "blackhole", "silent")
-PORT_NAMES = ("info", "file")
+PORT_NAMES = ("info", "file", "video")
 
 _MAX_HEAD = 1 << 20
 # Bodies up to this size are kept in memory (`body_bytes`); larger ones are
@@ -139,6 +142,19 @@ def _path_only(target):
     return target.split("?", 1)[0] if target else target
 
 
+def query_fields(target):
+    """{name: value} of a request target's query, as written (no decoding:
+    the agent does not encode its values); the last of a repeated name wins."""
+    if not target or "?" not in target:
+        return {}
+    fields = {}
+    for part in target.split("?", 1)[1].split("&"):
+        if part:
+            name, _, value = part.partition("=")
+            fields[name] = value
+    return fields
+
+
 def path_matches(req, path):
     return path is None or req.get("path") == path or _path_only(req.get("path")) == path
 
@@ -156,6 +172,9 @@ class _Port:
         self.fillers = []
         self.conns = {}      # connection id -> _Conn
         self.read_rate = None   # bytes a second read from each connection (None: no limit)
+        # The video server answers one query per connection and then closes
+        # it; the information and file servers keep theirs open.
+        self.close_after_answer = name == "video"
 
 
 class _Conn:
@@ -169,6 +188,17 @@ class _Conn:
         self.wlock = threading.Lock()
         self.held = []       # answers kept back by "hold", oldest first
         self.closed = False
+        self.shut = False    # the simulator ended it (not the peer)
+
+    def shut_down(self, reset=False):
+        """End the connection from this side (with reset: RST instead of FIN)."""
+        self.shut = True
+        try:
+            if reset:
+                self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            self.sock.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
 
     def write(self, *parts, gap=0.0):
         """Send each part with one send call, `gap` seconds apart; False once
@@ -252,7 +282,8 @@ class _RequestReader:
                 end = self.buf.find(b"\r\n\r\n", searched)
                 if end < 0:
                     if len(self.buf) > _MAX_HEAD:    # no head in sight: record and drop it
-                        out.append(self.sim._make_record(bytes(self.buf), _Body(0, True, None, True), self))
+                        out.append(self.sim._make_record(bytes(self.buf), _Body(0, True, None, True), self,
+                                                         ended=False))
                         self.buf = bytearray()
                     break
                 self.head = bytes(self.buf[:end])
@@ -309,10 +340,13 @@ class ServerSim:
 
     def __init__(self, info_port=0, file_port=0, record=None, mode="normal", arg=None,
                  heartbeat_msg=None, login_code=None, on_event=None, save_bodies=None,
-                 keep_bodies_below=KEEP_BODY_LIMIT, inspect_archives=True, digest_bodies=True):
+                 keep_bodies_below=KEEP_BODY_LIMIT, inspect_archives=True, digest_bodies=True,
+                 video_port=0, cdn_port=DEFAULT_CDN_PORT):
         self._lock = threading.RLock()
         self._cond = threading.Condition(self._lock)
-        self._ports = {"info": _Port("info", info_port), "file": _Port("file", file_port)}
+        self._ports = {name: _Port(name, port) for name, port in
+                       (("info", info_port), ("file", file_port), ("video", video_port))}
+        self.cdn_port = cdn_port     # where the push address sends the stream
         self._records = []
         self._events = []
         self._rules = []
@@ -381,21 +415,27 @@ class ServerSim:
     def file_port(self):
         return self._ports["file"].port
 
+    @property
+    def video_port(self):
+        return self._ports["video"].port
+
     def port_of(self, name):
         return self._ports[name].port
 
     # ---- behaviours -------------------------------------------------------
 
     def set_mode(self, mode, arg=None, port=None):
-        """Switch behaviour; `port` is "info", "file" or None for both.
+        """Switch behaviour; `port` is "info", "file", "video" or None for all.
 
         normal     answer every request
         down       close listener and connections; connects are refused
                    (arg "reset": connections are reset instead of closed)
         refusing   accept, then close at once (current connections closed too)
-        silent     read and record requests, never answer
+        silent     read and record requests, never answer (`arg` ms: then
+                   close each connection that long after its last request)
         slow       answer after `arg` milliseconds
-        closing    answer, then close the connection
+        closing    answer, then close the connection (what the video port
+                   always does, unless keep_open())
         garbage    answer with non-HTTP bytes (`arg`: bytes or text to send)
         oversize   answer with a body of more than `arg` bytes (default 5000)
         code       answer every request with {"code": arg}
@@ -420,6 +460,8 @@ class ServerSim:
             arg = int(arg if arg is not None else DEFAULT_SPLIT_MS)
         elif mode == "hold":
             arg = None
+        elif mode == "silent":
+            arg = None if arg is None else int(arg)
         elif mode == "code":
             arg = int(arg if arg is not None else 1)
         elif mode == "oversize":
@@ -463,8 +505,8 @@ class ServerSim:
     def refusing(self, port=None):
         self.set_mode("refusing", port=port)
 
-    def silent(self, port=None):
-        self.set_mode("silent", port=port)
+    def silent(self, port=None, close_ms=None):
+        self.set_mode("silent", close_ms, port=port)
 
     def slow(self, ms, port=None):
         self.set_mode("slow", ms, port=port)
@@ -503,6 +545,29 @@ class ServerSim:
                 self._ports[name].read_rate = rate
             self._event({"event": "mode", "mode": "throttle", "arg": kib_per_s or 0, "port_name": port})
 
+    def keep_open(self, on=True, port="video"):
+        """Whether a connection stays open after an answer. The video port
+        closes it by default, as the video server does; keeping it open shows
+        whether a client stops reading at Content-Length. The behaviour is kept."""
+        with self._lock:
+            self._ports[port].close_after_answer = not on
+            self._event({"event": "mode", "mode": "keep-open", "arg": "on" if on else "off", "port_name": port})
+
+    def set_cdn_port(self, port):
+        """Push addresses from now on name 127.0.0.1:`port`."""
+        with self._lock:
+            self.cdn_port = int(port)
+            self._event({"event": "mode", "mode": "cdn-port", "arg": self.cdn_port, "port_name": "video"})
+
+    def push_address(self, camera_id):
+        """The address the video port hands out for `camera_id` (as written
+        in the query) while no other answer is set."""
+        return "http://%s:%d/live/cam%s" % (LOOPBACK, self.cdn_port, camera_id)
+
+    def answer(self, text, port="video", times=None, delay_ms=None):
+        """Answer every request on `port` with `text` as the body, as it is."""
+        self.set_reply(text, port=port, times=times, delay_ms=delay_ms)
+
     def flush(self, port=None):
         """Send the held answers, all those of one connection with one send
         call (the client reads them in one read); returns how many were sent.
@@ -520,7 +585,8 @@ class ServerSim:
         p = self._ports[port]
         return p.mode, p.arg
 
-    def set_reply(self, reply, path=None, session=None, times=None, reply_session=None, delay_ms=None):
+    def set_reply(self, reply, path=None, session=None, times=None, reply_session=None, delay_ms=None,
+                  port=None):
         """Override the answer for matching requests (newest rule wins).
 
         reply: dict/list (sent as one-line JSON), str (sent as the body),
@@ -530,16 +596,17 @@ class ServerSim:
         number; times limits how often the rule applies; reply_session puts
         another SessionId into the answer than the request's; delay_ms sends
         the answer that much later, while later requests on the connection
-        are read and answered as usual.
+        are read and answered as usual; port limits the rule to one port.
         """
         with self._lock:
             self._rules.append({"path": path, "session": session, "reply": reply,
                                 "times": times, "reply_session": reply_session,
-                                "delay_ms": delay_ms})
+                                "delay_ms": delay_ms, "port": port})
 
-    def clear_replies(self):
+    def clear_replies(self, port=None):
+        """Back to the scripted answers (on `port` only: drop its own rules)."""
         with self._lock:
-            self._rules = []
+            self._rules = [] if port is None else [r for r in self._rules if r["port"] != port]
 
     def close_connections(self, port=None, reset=False):
         """Drop the current connections without changing the behaviour."""
@@ -630,13 +697,28 @@ class ServerSim:
                 delay, rest = _delay_option(rest)
                 path, body = rest.split(None, 1)
                 self.set_reply(_reply_arg(body), path=None if path == "*" else path,
-                               times=1 if cmd == "reply-once" else None, delay_ms=delay)
+                               times=1 if cmd == "reply-once" else None, delay_ms=delay, port=port)
                 return "ok"
             if cmd == "reply-session":
                 delay, rest = _delay_option(rest)
                 session, body = rest.split(None, 1)
-                self.set_reply(_reply_arg(body), session=int(session), delay_ms=delay)
+                self.set_reply(_reply_arg(body), session=int(session), delay_ms=delay, port=port)
                 return "ok"
+            if cmd == "answer":
+                delay, rest = _delay_option(rest)
+                if not rest.strip():
+                    raise ValueError("answer wants a text")
+                self.answer(rest.strip(), port=port or "video", delay_ms=delay)
+                return "ok"
+            if cmd == "keep-open":
+                arg = rest.strip() or "on"
+                if arg not in ("on", "off"):
+                    raise ValueError("keep-open wants on or off")
+                self.keep_open(arg == "on", port=port or "video")
+                return "ok " + self.status()
+            if cmd == "cdn-port":
+                self.set_cdn_port(int(rest))
+                return "ok " + self.status()
             if cmd == "flush":
                 return "ok flushed %d" % self.flush(port=port)
             if cmd == "throttle":
@@ -644,7 +726,7 @@ class ServerSim:
                 self.throttle(0 if arg in ("", "off") else float(arg), port=port)
                 return "ok " + self.status()
             if cmd == "replies-clear":
-                self.clear_replies()
+                self.clear_replies(port=port)
                 return "ok"
             if cmd == "drop":
                 self.close_connections(port=port, reset=(rest.strip() == "reset"))
@@ -661,9 +743,12 @@ class ServerSim:
             for p in self._ports.values():
                 mode = p.mode + ("" if p.arg is None else " " + str(_printable(p.arg)))
                 held = sum(len(c.held) for c in p.conns.values())
-                parts.append("%s:%d %s conns=%d%s%s" % (
+                closing = p.close_after_answer != (p.name == "video")    # not the port's usual way
+                parts.append("%s:%d %s conns=%d%s%s%s" % (
                     p.name, p.port, mode, len(p.conns), " held=%d" % held if p.mode == "hold" or held else "",
-                    " throttle=%gKiB/s" % (p.read_rate / 1024.0) if p.read_rate else ""))
+                    " throttle=%gKiB/s" % (p.read_rate / 1024.0) if p.read_rate else "",
+                    " keep-open=%s" % ("off" if p.close_after_answer else "on") if closing else ""))
+            parts.append("cdn=%s:%d" % (LOOPBACK, self.cdn_port))
             parts.append("requests=%d" % len(self._records))
             return " | ".join(parts)
 
@@ -677,7 +762,7 @@ class ServerSim:
             else:
                 self._events.append(ev)
             if self._record_file:
-                line = {k: v for k, v in ev.items() if k != "body_bytes"}
+                line = {k: v for k, v in ev.items() if k not in ("body_bytes", "raw_bytes")}
                 if isinstance(line.get("body"), str) and len(line["body"]) > 65536:
                     line["body"] = line["body"][:65536]
                     line["body_truncated"] = True
@@ -730,12 +815,7 @@ class ServerSim:
     def _drop_connections(self, p, reset=False):
         for c in list(p.conns.values()):
             c.held = []
-            try:
-                if reset:
-                    c.sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-                c.sock.shutdown(socket.SHUT_RDWR)
-            except OSError:
-                pass
+            c.shut_down(reset)
 
     def _flush_port(self, p):
         """Write each connection's held answers with one send call (under the
@@ -745,17 +825,21 @@ class ServerSim:
             held, c.held = c.held, []
             if held and c.write(b"".join(held)):
                 sent += len(held)
+                if p.close_after_answer:
+                    c.shut_down()
         return sent
 
-    def _later(self, seconds, c, *parts):
-        """Write `parts` on connection `c` after `seconds`, from a timer."""
+    def _later(self, seconds, c, *parts, close=False):
+        """Write `parts` on connection `c` after `seconds`, from a timer; then
+        close the connection if `close`."""
         def fire():
             with self._lock:
                 if t in self._timers:
                     self._timers.remove(t)
                 if self._stopping:
                     return
-            c.write(*parts)
+            if c.write(*parts) and close:
+                c.shut_down()
         t = threading.Timer(seconds, fire)
         t.daemon = True
         with self._lock:
@@ -840,6 +924,8 @@ class ServerSim:
                 p.conns.pop(cid, None)
             with c.wlock:
                 c.closed = True
+            if c.shut:
+                closed_by = "server"
             try:
                 conn.close()
             except OSError:
@@ -866,7 +952,8 @@ class ServerSim:
                 path = os.path.join(self._spool, "%06d.body" % self._body_seq)
         return _Body(length, keep, path, self._digest)
 
-    def _make_record(self, head, body, reader):
+    def _make_record(self, head, body, reader, ended=True):
+        """The record of one request; `ended`: its head ended in an empty line."""
         text, method, target, version, headers = parse_head(head)
         sid = header_value(headers, "SessionId")
         kept = body.mem is not None
@@ -874,12 +961,15 @@ class ServerSim:
         record = {
             "event": "request", "time": time.time(), "started": reader.started, "port": reader.p.port,
             "port_name": reader.p.name, "peer": reader.peer, "conn": reader.cid, "method": method,
-            "path": target, "version": version, "headers": headers, "head": text + "\r\n\r\n",
+            "path": target, "query": query_fields(target), "version": version, "headers": headers,
+            "head": text + "\r\n\r\n",
             "session_header": sid, "session": _session_number(sid),
             "body": bytes(shown[:BODY_TEXT_LIMIT]).decode("utf-8", "replace"),
             "body_len": body.length,
             "body_sha256": body.sha.hexdigest() if body.sha is not None else None,
             "body_bytes": bytes(body.mem) if kept else None,
+            # the request exactly as it came, for byte-exact comparisons
+            "raw_bytes": head + (b"\r\n\r\n" if ended else b"") + bytes(body.mem) if kept else None,
         }
         if body.length > BODY_TEXT_LIMIT:
             record["body_truncated"] = True
@@ -929,6 +1019,8 @@ class ServerSim:
         for rule in reversed(self._rules):
             if not path_matches(req, rule["path"]):
                 continue
+            if rule["port"] is not None and rule["port"] != req["port_name"]:
+                continue
             if rule["session"] is not None and req["session"] != rule["session"]:
                 continue
             if rule["times"] is not None:
@@ -936,11 +1028,14 @@ class ServerSim:
                 if rule["times"] <= 0:
                     self._rules.remove(rule)
             return rule["reply"], rule["reply_session"], rule.get("delay_ms")
+        if _path_only(req["path"]) == PUSH_QUERY_PATH:
+            return {"code": 0, "data": self.push_address(req["query"].get("camera_id", ""))}, None, None
         return DEFAULT_REPLIES.get(_path_only(req["path"]), FALLBACK_REPLY), None, None
 
     def _answer(self, p, c, req):
         """Record and answer one request; False when the connection must end."""
         mode, arg = p.mode, p.arg
+        close = mode == "closing" or p.close_after_answer
         data, shown, delay_ms = self._reply_for(p, req)
         req["mode"] = mode
         req["reply"] = shown
@@ -948,6 +1043,8 @@ class ServerSim:
             req["delay_ms"] = delay_ms
         self._event(req)
         if data is None:
+            if mode == "silent" and arg:
+                self._later(arg / 1000.0, c, close=True)     # a server that gives up waiting
             return True
         if mode == "slow":
             deadline = time.monotonic() + arg / 1000.0
@@ -961,27 +1058,26 @@ class ServerSim:
                     c.held.append(data)
                     return True
         if delay_ms:
-            self._later(delay_ms / 1000.0, c, data)
-            if mode == "duplicate":
-                self._later((delay_ms + arg) / 1000.0, c, data)
+            twice = mode == "duplicate"
+            self._later(delay_ms / 1000.0, c, data, close=close and not twice)
+            if twice:
+                self._later((delay_ms + arg) / 1000.0, c, data, close=close)
             return True
         if mode == "split":
             head, sep, body = data.partition(b"\r\n\r\n")
             parts = (head + sep, body) if sep and body else (data,)
             # head and body with a send call each, `arg` ms apart: two reads
-            return c.write(*parts, gap=arg / 1000.0)
-        if not c.write(data):   # one write: the agent reads one reply per read
+            if not c.write(*parts, gap=arg / 1000.0):
+                return False
+        elif not c.write(data):   # one write: the agent reads one reply per read
             return False
         if mode == "duplicate":
-            self._later(arg / 1000.0, c, data)
-        if mode == "closing":
-            try:
-                c.sock.shutdown(socket.SHUT_RDWR)
-            except OSError:
-                pass
+            self._later(arg / 1000.0, c, data, close=close)
+            return True
+        if close:
+            c.shut_down()
             return False
         return True
-
 
 
 def _req_matches(r, path, session, port):
@@ -1015,7 +1111,7 @@ def _reply_arg(text):
 # ---- command line ---------------------------------------------------------
 
 def _format_event(ev):
-    stamp = time.strftime("%H:%M:%S", time.localtime(ev["time"])) + ".%03d" % (ev["time"] % 1 * 1000)
+    at = stamp(ev["time"])
     kind = ev["event"]
     if kind == "request":
         reply = "(no answer)" if ev["reply"] is None else ev["reply"]
@@ -1030,11 +1126,11 @@ def _format_event(ev):
             body = ev["body"] if len(ev["body"]) <= 200 else ev["body"][:200] + "...(%d bytes)" % ev["body_len"]
             what = "body=" + json.dumps(body, ensure_ascii=False)
         return "%s %s #%d %s %s SessionId=%s %s -> %s" % (
-            stamp, ev["port_name"], ev["conn"], ev["method"], ev["path"], ev["session_header"], what, reply)
+            at, ev["port_name"], ev["conn"], ev["method"], ev["path"], ev["session_header"], what, reply)
     if kind == "mode":
-        return "%s mode %s%s%s" % (stamp, ev["mode"], "" if ev["arg"] is None else " %s" % ev["arg"],
+        return "%s mode %s%s%s" % (at, ev["mode"], "" if ev["arg"] is None else " %s" % ev["arg"],
                                   "" if ev["port_name"] is None else " (%s only)" % ev["port_name"])
-    line = "%s %s #%d %s %s" % (stamp, ev["port_name"], ev["conn"], kind, ev["peer"])
+    line = "%s %s #%d %s %s" % (at, ev["port_name"], ev["conn"], kind, ev["peer"])
     if ev.get("unfinished"):
         u = ev["unfinished"]
         line += " in the middle of %s %s (%s)" % (u["method"], u["path"], "%d of %d body bytes" % (
@@ -1042,51 +1138,14 @@ def _format_event(ev):
     return line
 
 
-def _control_loop(sim, port, ready):
-    srv = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-    srv.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-    srv.bind((LOOPBACK, port))
-    srv.listen(8)
-    ready.append(srv.getsockname()[1])
-    while True:
-        conn, _ = srv.accept()
-        threading.Thread(target=_control_client, args=(sim, conn), daemon=True).start()
-
-
-def _control_client(sim, conn):
-    with conn, conn.makefile("rw", encoding="utf-8", newline="\n") as f:
-        for line in f:
-            if line.strip() == "quit":
-                f.write("ok bye\n")
-                f.flush()
-                os.kill(os.getpid(), signal.SIGTERM)
-                return
-            f.write(sim.command(line) + "\n")
-            f.flush()
-
-
-def _stdin_loop(sim):
-    for line in sys.stdin:
-        if line.strip() == "quit":
-            os.kill(os.getpid(), signal.SIGTERM)
-            return
-        if line.strip():
-            print(sim.command(line), flush=True)
-
-
-def _ctl(port, words):
-    with socket.create_connection((LOOPBACK, port), timeout=5) as s:
-        s.sendall((" ".join(words) + "\n").encode("utf-8"))
-        reply = s.makefile("r", encoding="utf-8").readline().strip()
-    print(reply)
-    return 0 if reply.startswith("ok") else 1
-
-
 def main(argv=None):
     ap = argparse.ArgumentParser(description="Central-server simulator for the qel_net agent "
                                  "(binds 127.0.0.1 only).")
     ap.add_argument("--info-port", type=int, default=8000, help="information port (0: any free)")
     ap.add_argument("--file-port", type=int, default=8080, help="file port (0: any free)")
+    ap.add_argument("--video-port", type=int, default=8888, help="video port (0: any free)")
+    ap.add_argument("--cdn-port", type=int, default=DEFAULT_CDN_PORT,
+                    help="port of the stream sink that push addresses name (127.0.0.1)")
     ap.add_argument("--bind", default=LOOPBACK, help="must be 127.0.0.1")
     ap.add_argument("--record", help="write every request and connection event here (JSON lines)")
     ap.add_argument("--save-bodies", metavar="DIR", help="also store each request body as a file "
@@ -1106,7 +1165,7 @@ def main(argv=None):
     a = ap.parse_args(argv)
 
     if a.ctl is not None:
-        return _ctl(a.ctl, a.words)
+        return send_control(a.ctl, a.words)
     if a.words:
         ap.error("unexpected arguments: %s" % " ".join(a.words))
     if a.bind not in (LOOPBACK, "localhost"):
@@ -1117,7 +1176,8 @@ def main(argv=None):
 
     printer = None if a.quiet else (lambda ev: print(_format_event(ev), flush=True))
     sim = ServerSim(a.info_port, a.file_port, record=a.record, heartbeat_msg=a.heartbeat_msg,
-                    login_code=a.login_code, on_event=printer, save_bodies=a.save_bodies)
+                    login_code=a.login_code, on_event=printer, save_bodies=a.save_bodies,
+                    video_port=a.video_port, cdn_port=a.cdn_port)
     for reply_arg in a.reply:
         path, sep, body = reply_arg.partition("=")
         if not sep:
@@ -1135,22 +1195,18 @@ def main(argv=None):
             sim.stop()
             return 2
 
-    control = []
-    if a.control_port is not None:
-        threading.Thread(target=_control_loop, args=(sim, a.control_port, control), daemon=True).start()
-        deadline = time.monotonic() + 5
-        while not control and time.monotonic() < deadline:
-            time.sleep(0.01)
-    print("qel_server_sim: info %s:%d file %s:%d%s" % (
-        LOOPBACK, sim.info_port, LOOPBACK, sim.file_port,
-        " control %s:%d" % (LOOPBACK, control[0]) if control else ""), flush=True)
+    try:
+        control = None if a.control_port is None else serve_control(sim, a.control_port)
+    except OSError as e:
+        print("qel_server_sim: cannot listen for commands: %s" % e, file=sys.stderr)
+        sim.stop()
+        return 1
+    print("qel_server_sim: info %s:%d file %s:%d video %s:%d%s" % (
+        LOOPBACK, sim.info_port, LOOPBACK, sim.file_port, LOOPBACK, sim.video_port,
+        "" if control is None else " control %s:%d" % (LOOPBACK, control)), flush=True)
     if a.stdin:
-        threading.Thread(target=_stdin_loop, args=(sim,), daemon=True).start()
-
-    done = threading.Event()
-    for sig in (signal.SIGINT, signal.SIGTERM):
-        signal.signal(sig, lambda *_: done.set())
-    done.wait(a.duration)
+        read_stdin_commands(sim)
+    stop_event().wait(a.duration)
     sim.stop()
     return 0
 

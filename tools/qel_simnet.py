@@ -1,10 +1,18 @@
-"""Loopback socket helpers shared by the two simulators."""
+"""Loopback socket and command-line helpers shared by the simulators."""
 
 import errno
+import os
+import signal
 import socket
+import sys
+import threading
 import time
 
 LOOPBACK = "127.0.0.1"
+
+# Where the video server sends the agent's stream unless told otherwise:
+# the port the stream sink listens on by default.
+DEFAULT_CDN_PORT = 8889
 
 
 def bind_listener(port, backlog):
@@ -38,3 +46,73 @@ def close_listening(s):
 
 def unescape(text):
     return text.encode("utf-8").decode("unicode_escape").encode("latin-1")
+
+
+def stamp(t):
+    """HH:MM:SS.mmm of an epoch time, for the printed event lines."""
+    return time.strftime("%H:%M:%S", time.localtime(t)) + ".%03d" % (t % 1 * 1000)
+
+
+# ---- control commands -------------------------------------------------------
+#
+# A simulator with a command(line) -> "ok ..."/"error: ..." method can take its
+# commands from a control port (one per line, one answer line each), from
+# standard input, or from "--ctl PORT COMMAND..." of another run of the program.
+# "quit" stops the simulator's process.
+
+def serve_control(sim, port):
+    """Answer commands on 127.0.0.1:port (0: any free port) from a thread of
+    its own; returns the port in use."""
+    srv = bind_listener(port, 8)
+    threading.Thread(target=_control_accept, args=(sim, srv), daemon=True, name="control").start()
+    return srv.getsockname()[1]
+
+
+def _control_accept(sim, srv):
+    while True:
+        try:
+            conn, _ = srv.accept()
+        except OSError:
+            return
+        threading.Thread(target=_control_client, args=(sim, conn), daemon=True).start()
+
+
+def _control_client(sim, conn):
+    with conn, conn.makefile("rw", encoding="utf-8", newline="\n") as f:
+        for line in f:
+            if line.strip() == "quit":
+                f.write("ok bye\n")
+                f.flush()
+                os.kill(os.getpid(), signal.SIGTERM)
+                return
+            f.write(sim.command(line) + "\n")
+            f.flush()
+
+
+def read_stdin_commands(sim):
+    """Apply the commands typed on standard input, from a thread of its own."""
+    def loop():
+        for line in sys.stdin:
+            if line.strip() == "quit":
+                os.kill(os.getpid(), signal.SIGTERM)
+                return
+            if line.strip():
+                print(sim.command(line), flush=True)
+    threading.Thread(target=loop, daemon=True, name="stdin").start()
+
+
+def send_control(port, words):
+    """Send one command to a running simulator, print its answer; exit status."""
+    with socket.create_connection((LOOPBACK, port), timeout=5) as s:
+        s.sendall((" ".join(words) + "\n").encode("utf-8"))
+        reply = s.makefile("r", encoding="utf-8").readline().strip()
+    print(reply)
+    return 0 if reply.startswith("ok") else 1
+
+
+def stop_event():
+    """An event that SIGINT or SIGTERM sets: the program's cue to stop."""
+    done = threading.Event()
+    for sig in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(sig, lambda *_: done.set())
+    return done

@@ -80,6 +80,9 @@ int CMux::Initialize(int width, int height, int bit_rate, int fps, const char* s
     }
     formatContext_->pb = io_;
     formatContext_->flags = AVFMT_FLAG_CUSTOM_IO;
+    // Every packet leaves as soon as it is muxed: the I/O buffer must not sit
+    // on a second of live video (or hide a dead connection) until it is full.
+    formatContext_->flush_packets = 1;
 
     if (AddStream(&video_, formatContext_, &videoCodec_, AV_CODEC_ID_H264) == 0)
         OpenVideo(videoCodec_, &video_);

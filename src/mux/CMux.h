@@ -73,7 +73,8 @@ public:
     int OnSend(const char* buf, int len);
     static int64_t GetMs();
 
-    // Push thread: waits up to `ms` for a frame to be posted, or for quit().
+    // Push thread: waits `ms`, less when a frame is posted while streaming,
+    // or quit() is called.
     void waitForWork(int64_t ms);
     // Any thread: ends every wait and makes the uploader give up what it is
     // doing at its next step (the agent is stopping).
@@ -148,6 +149,7 @@ private:
     int64_t stateTime_ = 0;
     int64_t lastSendTime_ = 0;
     bool sentSinceStep_ = false;    // any stream byte went out since the last streaming step
+    bool sendFailed_ = false;       // a send of new stream bytes failed since then
     std::unique_ptr<char[]> backlog_;
     int backlogFill_ = 0;
     char deviceId_[128] = {};

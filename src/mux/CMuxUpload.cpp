@@ -28,6 +28,10 @@
 namespace {
 
 constexpr int kQueryRetryMs = 1000;
+// A push that has just failed starts over a second later: a streaming server
+// that refuses every connection is not met with a query and a connection
+// attempt every few milliseconds.
+constexpr int kRestartPauseMs = 1000;
 constexpr int kConnectLimitMs = 10000;
 constexpr int kStallLimitMs = 60000;
 constexpr int kQueryConnectMs = 200;
@@ -115,8 +119,11 @@ int64_t CMux::OnTimer()
     case kStreaming: {
         int64_t r = OnMux();
         const int s = OnSend(nullptr, 0);
-        if (s == -1)
+        // A send error, on new stream bytes (written from inside OnMux) or on
+        // the backlog, ends this connection.
+        if (s == -1 || sendFailed_)
             state_ = kRestart;
+        sendFailed_ = false;
         // Every byte counts, new stream bytes as well as the backlog: only
         // a connection that took nothing for a minute is given up.
         if (s >= 1 || sentSinceStep_) {
@@ -143,7 +150,7 @@ int64_t CMux::OnTimer()
         stateTime_ = 0;
         lastSendTime_ = 0;
         backlogFill_ = 0;
-        return 10;
+        return kRestartPauseMs;
     default:
         return 0;
     }
@@ -330,8 +337,10 @@ int CMux::OnSend(const char* buf, int len)
     if (buf != nullptr && len > 0) {
         // New bytes go first, even past an older backlog; what the socket
         // does not take waits in the backlog while it fits.
-        if (Send(socket_, buf, len, &sent) == -1)
+        if (Send(socket_, buf, len, &sent) == -1) {
+            sendFailed_ = true;
             return -1;
+        }
         const int rest = len - sent;
         if (rest > 0 && backlog_ && backlogFill_ + rest <= kBacklogCapacity) {
             std::memcpy(backlog_.get() + backlogFill_, buf + sent, static_cast<size_t>(rest));
@@ -352,8 +361,12 @@ int CMux::OnSend(const char* buf, int len)
 
 void CMux::waitForWork(int64_t ms)
 {
+    // Only a streaming push has a use for frames; in every other state the
+    // queue fills up while the uploader waits out its pause.
+    const bool onFrame = state_ == kStreaming;
     std::unique_lock<std::mutex> lock(queueMutex_);
-    frameReady_.wait_for(lock, std::chrono::milliseconds(ms), [this] { return !queue_.empty() || quitting(); });
+    frameReady_.wait_for(lock, std::chrono::milliseconds(ms),
+                         [this, onFrame] { return (onFrame && !queue_.empty()) || quitting(); });
 }
 
 void CMux::quit()

@@ -27,7 +27,8 @@ _TOOLS = os.path.join(SRC, "tools")
 if _TOOLS not in sys.path:
     sys.path.insert(0, _TOOLS)
 
-from qel_app_sim import AppSim          # noqa: E402  (re-exported for tests)
+from qel_app_sim import AppSim, Camera  # noqa: E402  (re-exported for tests)
+from qel_cdn_sink import CdnSink        # noqa: E402
 from qel_server_sim import ServerSim    # noqa: E402
 from qel_config import DEFAULT_KEYS, DEFAULT_TREE, SYSCONF_CREATE, make_db  # noqa: E402,F401
 
@@ -335,6 +336,20 @@ class AgentTestCase(unittest.TestCase):
         self._sims.append(AppSim(port, **kw).start())
         return self._sims[-1]
 
+    def cdn_sink(self, port=0, **kw):
+        """A started CdnSink (free port by default), saving streams and events to the work dir."""
+        n = len(self._sims) + 1
+        kw.setdefault("directory", self.path("streams-%d" % n))
+        kw.setdefault("record", self.path("cdn-events-%d.jsonl" % n))
+        self._sims.append(CdnSink(port, **kw).start())
+        return self._sims[-1]
+
+    def camera(self, number, width=640, height=480, fps=20, start=True, **kw):
+        """A Camera whose frame buffer is removed in tearDown (writing unless start=False)."""
+        cam = Camera(number, width, height, fps=fps, **kw)
+        self._sims.append(cam)
+        return cam.start() if start else cam
+
     def make_db(self, name="sysconf.db", **kw):
         return make_db(self.path(name), self.work, **kw)
 
@@ -371,7 +386,10 @@ class AgentTestCase(unittest.TestCase):
         failed = self._failed()
         for thing in self._agents + self._sims[::-1]:
             try:
-                thing.stop()
+                if isinstance(thing, Camera):
+                    thing.close()       # also removes its segment and semaphore
+                else:
+                    thing.stop()
             except Exception as e:  # keep tearing down
                 sys.stderr.write("stopping %r: %s\n" % (thing, e))
         for d in reversed(self._mounts):
@@ -384,6 +402,14 @@ class AgentTestCase(unittest.TestCase):
                     out.append("---- server sim: %s; last requests:" % s.status())
                     out += ["  %s %s SessionId=%s body=%r" % (r["method"], r["path"], r["session"], r["body"][:200])
                             for r in s.requests()[-10:]]
+                elif isinstance(s, CdnSink):
+                    out.append("---- cdn sink: %s; last connections:" % s.status())
+                    out += ["  #%d %r %d bytes%s" % (c["conn"], c["head"], c["bytes"],
+                                                     "" if c["open"] else " closed by %s" % c["closed_by"])
+                            for c in s.connections()[-10:]]
+                elif isinstance(s, Camera):
+                    out.append("---- camera %d (shmid %d semid %d): %s" % (s.number, s.shmid, s.semid,
+                                                                         s.wait_stats()))
                 else:
                     out.append("---- app sim: last notices:")
                     out += ["  %s SessionId=%s %r" % (n["kind"], n["session"], n["raw"][:200])

@@ -46,8 +46,10 @@ class RuntimeCase(AgentTestCase):
         info = self.srv.info_port if server else self.reserve_port()
         files = self.srv.file_port if server else self.reserve_port()
         self.info_port, self.file_port = info, files
+        self.video_port = self.srv.video_port if server else None
         self.app = self.app_sim(port=APP_PORT) if app else None
-        self.db = self.make_db(info_port=info, file_port=files, overrides=db_overrides)
+        self.db = self.make_db(info_port=info, file_port=files, video_port=self.video_port,
+                               overrides=db_overrides)
         self.ag = self.agent(db=self.db)
         self.ag.start()
         self.ag.wait_log(r"config success")
@@ -118,6 +120,23 @@ def make_archive(path, members, mtime=None):
     return path
 
 
+def child_pids(pid):
+    """The processes whose parent is `pid`: for the agent, the shells that run
+    its tar, mv and rm (so: packing is under way while there are any)."""
+    found = []
+    for entry in os.listdir("/proc"):
+        if not entry.isdigit():
+            continue
+        try:
+            with open("/proc/%s/stat" % entry) as f:
+                fields = f.read().rsplit(")", 1)[1].split()
+        except (OSError, IndexError):
+            continue
+        if int(fields[1]) == pid:
+            found.append(int(entry))
+    return found
+
+
 class ImageCase(RuntimeCase):
     """Image-upload scenarios. make_db puts every path under the work dir:
     alarm images under <work>/alarmimage/, templates and apppath at <work>/,
@@ -136,11 +155,17 @@ class ImageCase(RuntimeCase):
     def faildir(self, item):
         return self.path("qel_net", "qel_fail", ITEM_DIR[item])
 
-    def write(self, item=ALARM, camera=1, detect=1, kind=None, **kw):
-        """Images written the way the application does (see qel_app_sim.write_images)."""
+    def write(self, item=ALARM, camera=1, detect=1, kind=None, age=None, **kw):
+        """Images written the way the application does (see qel_app_sim.write_images);
+        with `age` (seconds), dated that long ago, as images already there before a start."""
         from qel_app_sim import write_images
         root = self.alarm_root if item == ALARM else self.template_root
-        return write_images(root, camera, detect, kind or ("NG" if item == ALARM else "template"), **kw)
+        paths = write_images(root, camera, detect, kind or ("NG" if item == ALARM else "template"), **kw)
+        if age is not None:
+            when = time.time() - age
+            for p in paths:
+                os.utime(p, (when, when))
+        return paths
 
     def member(self, path):
         """The archive member name of the image at `path`."""
@@ -156,6 +181,12 @@ class ImageCase(RuntimeCase):
         missing = lambda: want - set(self.uploaded(session, srv))
         self.wait_until(lambda: not missing(), timeout,
                         "uploads of %d image(s); missing %s" % (len(want), sorted(missing())[:5]))
+
+    def assert_uploaded_once(self, paths, srv=None):
+        """Every image in `paths` arrived in exactly one archive."""
+        counts = self.uploaded(srv=srv)
+        wrong = {self.member(p): counts[self.member(p)] for p in paths if counts[self.member(p)] != 1}
+        self.assertEqual(wrong, {}, "images not uploaded exactly once (name: times)")
 
     def fence(self, item=ALARM, srv=None, timeout=15):
         """Write one more image, ask for a look and wait for its archive: the
