@@ -38,8 +38,7 @@ import threading
 import time
 from urllib.parse import urlsplit
 
-from qel_simnet import (DEFAULT_CDN_PORT, LOOPBACK, bind_listener, close_listening, read_stdin_commands,
-                        send_control, serve_control, stamp, stop_event)
+from qel_simnet import (DEFAULT_CDN_PORT, LOOPBACK, bind_listener, close_listening, run_simulator, send_control, stamp)
 
 HEAD_END = b"\r\n\r\n"
 # A head that has not ended after this many bytes is taken as it is; what
@@ -584,31 +583,11 @@ def main(argv=None):
     sink = CdnSink(a.port, directory=a.dir, record=a.record, on_event=printer, recv_buffer=a.recv_buffer)
     if a.stall:
         sink.stall()
-    try:
-        sink.start()
-    except OSError as e:
-        print("qel_cdn_sink: cannot listen: %s" % e, file=sys.stderr)
-        return 1
-    if a.mode != "normal":
-        reply = sink.command(a.mode)
-        if not reply.startswith("ok"):
-            print("qel_cdn_sink: %s" % reply, file=sys.stderr)
-            sink.stop()
-            return 2
-    try:
-        control = None if a.control_port is None else serve_control(sink, a.control_port)
-    except OSError as e:
-        print("qel_cdn_sink: cannot listen for commands: %s" % e, file=sys.stderr)
-        sink.stop()
-        return 1
-    print("qel_cdn_sink: listening on %s:%d%s" % (
-        LOOPBACK, sink.port, "" if control is None else " control %s:%d" % (LOOPBACK, control)), flush=True)
-    if a.stdin:
-        read_stdin_commands(sink)
-    stop_event().wait(a.duration)
-    print("qel_cdn_sink: %s" % sink.status(), flush=True)
-    sink.stop()
-    return 0
+    return run_simulator(
+        "qel_cdn_sink", sink, a.mode, a.control_port, a.stdin, a.duration,
+        lambda control: "qel_cdn_sink: listening on %s:%d%s" % (
+            LOOPBACK, sink.port, "" if control is None else " control %s:%d" % (LOOPBACK, control)),
+        on_end=lambda: print("qel_cdn_sink: %s" % sink.status(), flush=True))
 
 
 if __name__ == "__main__":

@@ -41,8 +41,7 @@ import threading
 import time
 import zlib
 
-from qel_simnet import (DEFAULT_CDN_PORT, bind_listener, close_listening, read_stdin_commands,
-                        send_control, serve_control, stamp, stop_event, unescape)
+from qel_simnet import (DEFAULT_CDN_PORT, bind_listener, close_listening, run_simulator, send_control, stamp, unescape)
 
 LOOPBACK = "127.0.0.1"
 
@@ -1183,32 +1182,11 @@ def main(argv=None):
         if not sep:
             ap.error("--reply wants PATH=JSON, got %r" % reply_arg)
         sim.set_reply(_reply_arg(body), path=None if path == "*" else path)
-    try:
-        sim.start()
-    except OSError as e:
-        print("qel_server_sim: cannot listen: %s" % e, file=sys.stderr)
-        return 1
-    if a.mode != "normal":
-        reply = sim.command(a.mode)
-        if not reply.startswith("ok"):
-            print("qel_server_sim: %s" % reply, file=sys.stderr)
-            sim.stop()
-            return 2
-
-    try:
-        control = None if a.control_port is None else serve_control(sim, a.control_port)
-    except OSError as e:
-        print("qel_server_sim: cannot listen for commands: %s" % e, file=sys.stderr)
-        sim.stop()
-        return 1
-    print("qel_server_sim: info %s:%d file %s:%d video %s:%d%s" % (
-        LOOPBACK, sim.info_port, LOOPBACK, sim.file_port, LOOPBACK, sim.video_port,
-        "" if control is None else " control %s:%d" % (LOOPBACK, control)), flush=True)
-    if a.stdin:
-        read_stdin_commands(sim)
-    stop_event().wait(a.duration)
-    sim.stop()
-    return 0
+    return run_simulator(
+        "qel_server_sim", sim, a.mode, a.control_port, a.stdin, a.duration,
+        lambda control: "qel_server_sim: info %s:%d file %s:%d video %s:%d%s" % (
+            LOOPBACK, sim.info_port, LOOPBACK, sim.file_port, LOOPBACK, sim.video_port,
+            "" if control is None else " control %s:%d" % (LOOPBACK, control)))
 
 
 if __name__ == "__main__":

@@ -116,3 +116,35 @@ def stop_event():
     for sig in (signal.SIGINT, signal.SIGTERM):
         signal.signal(sig, lambda *_: done.set())
     return done
+
+
+def run_simulator(name, sim, mode, control_port, use_stdin, duration, banner, on_end=None):
+    """The life of a simulator run from the command line: start `sim`, switch
+    it to `mode`, take commands on `control_port` (None: none) and on stdin,
+    print banner(control port or None), and run for `duration` seconds or
+    until SIGINT/SIGTERM; then on_end(), if given, and stop. Exit status."""
+    try:
+        sim.start()
+    except OSError as e:
+        print("%s: cannot listen: %s" % (name, e), file=sys.stderr)
+        return 1
+    if mode != "normal":
+        reply = sim.command(mode)
+        if not reply.startswith("ok"):
+            print("%s: %s" % (name, reply), file=sys.stderr)
+            sim.stop()
+            return 2
+    try:
+        control = None if control_port is None else serve_control(sim, control_port)
+    except OSError as e:
+        print("%s: cannot listen for commands: %s" % (name, e), file=sys.stderr)
+        sim.stop()
+        return 1
+    print(banner(control), flush=True)
+    if use_stdin:
+        read_stdin_commands(sim)
+    stop_event().wait(duration)
+    if on_end is not None:
+        on_end()
+    sim.stop()
+    return 0
