@@ -169,16 +169,10 @@ void QEL_BaseSocket::SlotRecvData()
 void QEL_BaseSocket::handleReply(const QByteArray& reply)
 {
     qDebug().noquote() << QString("oxa recv normal") + QString(135, QChar('-'));
-    // The text ends at the first zero byte, and never past the bytes read.
-    const int len = static_cast<int>(strnlen(reply.constData(), static_cast<size_t>(reply.size())));
-    const QString text = QString::fromUtf8(reply.constData(), len);
-    qDebug().noquote() << text;
-
-    QStringList lines;
-    CHttpBase::getHeadList(text, lines);
-    const int number = CHttpBase::getType(lines);
+    QString text;
     QString body;
-    CHttpBase::getBuffString(text, body);
+    const int number = CHttpBase::readReply(reply, text, body);
+    qDebug().noquote() << text;
     if (number != 0)
         emit sigReply(number, body);
 }

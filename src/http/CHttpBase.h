@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QByteArray>
 #include <QString>
 #include <QStringList>
 
@@ -32,6 +33,10 @@ public:
     // double quotes). Returns 3 for bad JSON or a missing key, 4 on success;
     // on failure `value` is left as it was.
     static int getBuffItem(const QString& json, const QString& key, QString& value);
+
+    // One whole reply from the server, as bytes: its text (up to the first
+    // zero byte), its body and the number of the item it answers (0: none).
+    static int readReply(const QByteArray& reply, QString& text, QString& body);
 
     // Request line through Content-Length, each line ending in CR LF except
     // the content-type line, which ends in `typeEnd`. The caller adds the
