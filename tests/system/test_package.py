@@ -120,7 +120,7 @@ class Package(AgentTestCase):
         # the linked libraries (found by dpkg-shlibdeps), Qt's SQLite driver,
         # which is loaded as a plugin, and top
         for lib in ("libqt6core6", "libqt6network6", "libqt6sql6", "libqt6sql6-sqlite",
-                    "libc6", "libstdc++6", "procps"):
+                    "libavcodec59", "libavformat59", "libavutil57", "libc6", "libstdc++6", "procps"):
             self.assertIn(lib, depends)
         self.assertTrue(any(d.startswith("libgoogle-glog") for d in depends), depends)
         self.assertTrue(any(d.startswith("libcjson") for d in depends), depends)
@@ -139,7 +139,7 @@ class Package(AgentTestCase):
             parts = line.split(None, 5)
             entries[parts[5].split(" -> ")[0].lstrip(".")] = parts[0]
         executables = ["/usr/bin/qel_net", "/%s/qel_server_sim.py" % TOOLS,
-                       "/%s/qel_app_sim.py" % TOOLS, "/%s/qel_config.py" % TOOLS]
+                       "/%s/qel_app_sim.py" % TOOLS, "/%s/qel_cdn_sink.py" % TOOLS, "/%s/qel_config.py" % TOOLS]
         files = ["/" + UNIT_PATH, "/%s/qel_simnet.py" % TOOLS, "/%s/README.md" % TOOLS,
                  "/usr/share/doc/qel-net/README.md", "/usr/share/doc/qel-net/design.md"]
         for path in executables:
@@ -262,7 +262,7 @@ class Package(AgentTestCase):
 
     def test_packaged_tools_run_on_their_own(self):
         env = {k: v for k, v in os.environ.items() if not k.startswith("PYTHON")}
-        for tool in ("qel_server_sim.py", "qel_app_sim.py", "qel_config.py"):
+        for tool in ("qel_server_sim.py", "qel_app_sim.py", "qel_cdn_sink.py", "qel_config.py"):
             r = run(os.path.join(self.root, TOOLS, tool), "--help", cwd=self.work, env=env)
             self.assertEqual(r.returncode, 0, "%s: %s" % (tool, r.stderr))
             self.assertIn("usage:", r.stdout)
