@@ -149,6 +149,8 @@ void QEL_FailStore::run()
                     runCheck();
                 } else if (op.kind == Op::Barrier) {
                     std::lock_guard<std::mutex> g(m_);
+                    // Whoever waited for the barrier reads the count next.
+                    tracked_ = rowOf_.size();
                     barriersDone_ = op.barrier;
                     doneCv_.notify_all();
                 }
