@@ -126,10 +126,20 @@ void QEL_ItemAlarmImage::look(bool atStart)
     const QDateTime listedAt = QDateTime::currentDateTimeUtc();
     QStringList files;
     Item_GetSendFileList(since, workList, files);
-    if (!files.isEmpty())
+    if (!files.isEmpty()) {
+        // The time file this look writes lies kClockSlackMs before the
+        // listing began: whatever it packs above that line, the next look
+        // sees again and must leave alone.
+        const qint64 mark = listedAt.toMSecsSinceEpoch() - kClockSlackMs;
+        QHash<QString, qint64> recent;
+        for (auto it = listedTimes_.cbegin(); it != listedTimes_.cend(); ++it)
+            if (it.value() > mark)
+                recent.insert(it.key(), it.value());
+        recent_ = recent;
         packAndQueue(files, listedAt);
-    else if (!thread->queue.isEmpty())
+    } else if (!thread->queue.isEmpty()) {
         askToSend();
+    }
 }
 
 void QEL_ItemAlarmImage::Item_CheckDir(QStringList& out)
@@ -139,13 +149,14 @@ void QEL_ItemAlarmImage::Item_CheckDir(QStringList& out)
         oxa_dir_create(dir.toUtf8().constData(), "");
         out.append(dir);
     }
+    // The failure directory first: leftovers are moved into it.
+    oxa_dir_create(failDir.toUtf8().constData(), "");
     const QDir work(workDir());
     if (work.exists() && !work.entryList(QStringList() << "*.tar.gz", QDir::Files).isEmpty()) {
         // Archives of an earlier run that never got their answer.
         runShell(QString("mv %1*.tar.gz %2").arg(shellQuote(workDir()), shellQuote(failDir)));
     }
     oxa_dir_create(workDir().toUtf8().constData(), "");
-    oxa_dir_create(failDir.toUtf8().constData(), "");
 }
 
 void QEL_ItemAlarmImage::Item_ResendPolicy(QStringList& queue)
@@ -179,7 +190,7 @@ void QEL_ItemAlarmImage::Item_GetTimeFile(QDateTime& t)
 void QEL_ItemAlarmImage::Item_GetSendFileList(const QDateTime& t, const QStringList& dirs, QStringList& out)
 {
     const qint64 since = t.toMSecsSinceEpoch();
-    QHash<QString, qint64> recent;
+    listedTimes_.clear();
     for (const QString& dir : dirs) {
         const QFileInfoList files = QDir(dir).entryInfoList(QDir::Files, QDir::Time);
         for (const QFileInfo& f : files) {
@@ -187,15 +198,12 @@ void QEL_ItemAlarmImage::Item_GetSendFileList(const QDateTime& t, const QStringL
             if (modified <= since)
                 continue;
             const QString path = f.absoluteFilePath();
-            if (modified <= since + kClockSlackMs) {
-                recent.insert(path, modified);
-                if (recent_.value(path, -1) == modified)
-                    continue;       // packed by the last look already
-            }
+            if (recent_.value(path, -1) == modified)
+                continue;       // packed by the last look already (the same image, unchanged)
+            listedTimes_.insert(path, modified);
             out.append(path);
         }
     }
-    recent_ = recent;
 }
 
 void QEL_ItemAlarmImage::Item_MakeTimeFile(const QDateTime& t)

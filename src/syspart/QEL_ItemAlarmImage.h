@@ -75,10 +75,12 @@ private:
 
     QString subDir_;
     JobRunner* packer_ = nullptr;
-    // Packer thread only: images packed by the last look whose times lie in
-    // the clock slack below its time file, so that the next look, which
-    // looks a little into the past, does not pack them twice.
+    // Packer thread only: images packed by the last look whose times lie
+    // above the time file it wrote (which is set a little into the past, for
+    // the coarse file clock), so that the next look does not pack them twice.
     QHash<QString, qint64> recent_;
+    // Packer thread only: the times of the images the last listing found.
+    QHash<QString, qint64> listedTimes_;
     std::atomic<qint64> lastListedMs_{0};
 };
 
