@@ -3,6 +3,9 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 
+#include <cerrno>
+#include <ctime>
+
 namespace {
 
 // Linux leaves the union to the caller.
@@ -52,6 +55,23 @@ void QEL_Semaphore::P_sem()
 {
     if (id_ != -1)
         operate(id_, -1);
+}
+
+bool QEL_Semaphore::P_sem_for(int ms)
+{
+    if (id_ == -1)
+        return true;
+    sembuf op{};
+    op.sem_num = 0;
+    op.sem_op = -1;
+    op.sem_flg = SEM_UNDO;
+    timespec limit{ms / 1000, (ms % 1000) * 1000000L};
+    for (;;) {
+        if (semtimedop(id_, &op, 1, &limit) == 0)
+            return true;
+        if (errno != EINTR)
+            return false;
+    }
 }
 
 void QEL_Semaphore::V_sem()

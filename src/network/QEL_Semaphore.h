@@ -14,6 +14,9 @@ public:
     // holding it, the kernel gives it back to the application.
     void P_sem();
     void V_sem();
+    // P_sem that gives up after `ms`: false when the semaphore stayed taken
+    // (an application stuck while holding it must not stop the agent).
+    bool P_sem_for(int ms);
 
     int key() const { return key_; }
     int id() const { return id_; }

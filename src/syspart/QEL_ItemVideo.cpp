@@ -22,6 +22,7 @@ namespace {
 std::atomic<unsigned long> gPostCount{0};
 
 constexpr int kPassPauseMs = 50;
+constexpr int kSemaphoreWaitMs = 20;
 
 }  // namespace
 
@@ -86,8 +87,12 @@ void QEL_ItemVideoThreadCopy::run()
         for (int i = 0; i < n; ++i) {
             const VideoPushInfo& push = item_->pushList.at(i);
             // The frame is copied out while the application is kept from
-            // writing it; the encode happens later, on the push thread.
-            push.semaphore->P_sem();
+            // writing it; the encode happens later, on the push thread. The
+            // application holds it only while it writes a frame: one that
+            // stays taken longer costs this camera its frame for this tick,
+            // never the other cameras their rate, nor the agent its stop.
+            if (!push.semaphore->P_sem_for(kSemaphoreWaitMs))
+                continue;
             const qint64 now = QDateTime::currentDateTime().toMSecsSinceEpoch();
             if (gPostCount.fetch_add(1) % 100 == 0)
                 LOG(INFO) << "send video: " << "cur=" << i << " " << (now % 86400000) / 1000 << "." << now % 1000;

@@ -118,6 +118,21 @@ class VideoTest(VideoCase):
         self.assert_decodes(second["conn"], 160, 128)
         self.assert_clean()
 
+    def test_a_camera_held_by_the_application_stops_nothing_else(self):
+        held, free = self.start_video(cameras=((0, 160, 128), (1, 160, 128)))
+        self.sink.wait_connections(1, path="/live/cam1", timeout=15)
+        conn = self.sink.wait_connections(1, path="/live/cam2", timeout=15)[0]["conn"]
+        held.pause()
+        with held.buffer.locked():
+            # The application sits on camera 0's semaphore: camera 1 goes on.
+            before = self.sink.bytes_received(conn)
+            time.sleep(4)
+            self.assertGreater(self.sink.bytes_received(conn), before + 10000)
+            # And the agent still stops in order while it waits.
+            self.ag.proc.send_signal(signal.SIGTERM)
+            self.assertEqual(self.ag.wait_exit(5), 0)
+        self.assert_quiet(self.ag)
+
 
 if __name__ == "__main__":
     unittest.main()
