@@ -84,6 +84,9 @@ public:
     // The stream's connection: Connect makes it; tests hand one in.
     void adoptSocket(int fd) { CloseSocket(); socket_ = fd; }
 
+    // Any thread: whether the push is streaming now (frames are wanted).
+    bool streaming() const { return streaming_.load(std::memory_order_relaxed); }
+
     // For tests and the log.
     int state() const { return state_; }
     int queued() const;
@@ -117,6 +120,7 @@ private:
     int FillFrame(PendingFrame& pending);
     int EncodeAndWrite(AVFrame* frame);
     static int MuxOutProc(void* opaque, uint8_t* buf, int size);
+    int64_t step();     // OnTimer's work
     void CloseSocket();
 
     // encoder and muxer; push thread only
@@ -140,8 +144,9 @@ private:
     int64_t lastSlot_ = -1;
     int64_t lastTime_ = 0;
 
-    // uploader; push thread only
+    // uploader; push thread only (streaming_ mirrors state_ == kStreaming for the copy thread)
     int state_ = kIdle;
+    std::atomic<bool> streaming_{false};
     int socket_ = -1;
     uint32_t serverIp_ = 0;         // network order
     uint16_t serverPort_ = 0;       // network order

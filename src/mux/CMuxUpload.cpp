@@ -76,6 +76,13 @@ void CMux::CloseSocket()
 
 int64_t CMux::OnTimer()
 {
+    const int64_t r = step();
+    streaming_.store(state_ == kStreaming, std::memory_order_relaxed);
+    return r;
+}
+
+int64_t CMux::step()
+{
     const int64_t now = GetMs();
     if (stateTime_ == 0)
         stateTime_ = now;

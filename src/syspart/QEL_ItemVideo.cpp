@@ -5,7 +5,9 @@
 
 #include <sys/shm.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 
 #include <glog/logging.h>
@@ -84,8 +86,14 @@ void QEL_ItemVideoThreadCopy::run()
     if (n == 0)
         return;
     while (waitFor(-1)) {
+        const auto passStart = std::chrono::steady_clock::now();
         for (int i = 0; i < n; ++i) {
             const VideoPushInfo& push = item_->pushList.at(i);
+            // A push that is not streaming (video server or CDN away) gets
+            // no frames: they would only fill its queue with video that is
+            // stale by the time the connection is back.
+            if (!push.mux->mux()->streaming())
+                continue;
             // The frame is copied out while the application is kept from
             // writing it; the encode happens later, on the push thread. The
             // application holds it only while it writes a frame: one that
@@ -99,7 +107,12 @@ void QEL_ItemVideoThreadCopy::run()
             push.mux->mux()->PostImgBuffer(push.sharedMemory, push.size, static_cast<long>(now), CMux::kI420);
             push.semaphore->V_sem();
         }
-        if (!waitFor(kPassPauseMs))
+        // Passes start at least 50 ms apart, counted from the start of the
+        // last one: the time the copies took is not added to the period, so
+        // the cameras keep their 20 frames a second.
+        const auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(
+            std::chrono::steady_clock::now() - passStart);
+        if (!waitFor(std::max<int>(0, kPassPauseMs - static_cast<int>(spent.count()))))
             break;
     }
 }
@@ -158,7 +171,9 @@ int QEL_ItemVideo::StartCopy()
     if (copy_->isRunning())
         return RET_OK;
     copy_->setRunning();
-    copyTimer_ = copy_->startTimer(static_cast<int>(1.0f / fps * 1000.0f));
+    // Precise: a coarse timer may fire a few milliseconds off, and a frame
+    // that lands in the slot of the one before is dropped.
+    copyTimer_ = copy_->startTimer(static_cast<int>(1.0f / fps * 1000.0f), Qt::PreciseTimer);
     copy_->start(QThread::InheritPriority);
     return RET_OK;
 }
