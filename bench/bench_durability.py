@@ -41,22 +41,11 @@ sys.path.insert(0, SYSTEM)
 sys.path.insert(0, os.path.join(ROOT, "tools"))
 
 import nsrun                                     # noqa: E402
+from benchlib import percentile, say, table, terminated  # noqa: E402
 
 STATS = "/vmu/device/monitor/statistics/upload"
 APP_PORT = 8890
 ACK_WAIT = 5.0          # longest wait for one acknowledgement in the outage run, s
-
-
-def say(text=""):
-    print(text, flush=True)
-
-
-def percentile(values, p):
-    values = sorted(values)
-    if not values:
-        return float("nan")
-    k = min(len(values) - 1, max(0, int(round(p / 100.0 * (len(values) - 1)))))
-    return values[k]
 
 
 def rss_kib(pid):
@@ -77,15 +66,6 @@ def history_rows(db):
             return con.execute("select count(*), count(distinct 内容) from info_failhistory").fetchone()
     except sqlite3.Error:
         return (0, 0)
-
-
-def table(headers, rows):
-    widths = [max(len(str(x)) for x in col) for col in zip(headers, *rows)]
-    line = lambda cells: "  ".join(str(c).rjust(w) for c, w in zip(cells, widths))
-    say(line(headers))
-    say(line(["-" * w for w in widths]))
-    for r in rows:
-        say(line(r))
 
 
 class Bench:
@@ -306,11 +286,6 @@ def bench_outage(b, a):
             "%.2f" % (projected / 3600.0))])
 
 
-def _terminated(signum, frame):
-    # unshare --kill-child sends SIGTERM when it is itself killed: clean up as for ^C
-    raise KeyboardInterrupt("signal %d" % signum)
-
-
 def main():
     ap = argparse.ArgumentParser(description=__doc__,
                                  formatter_class=argparse.RawDescriptionHelpFormatter)
@@ -343,7 +318,7 @@ def main():
 
     if os.environ.get("QEL_IN_NS") != "1":
         nsrun.reexec(os.path.abspath(__file__), sys.argv[1:])
-    signal.signal(signal.SIGTERM, _terminated)
+    signal.signal(signal.SIGTERM, terminated)
     say("bench_durability: %s" % " ".join([os.path.basename(sys.argv[0])] + sys.argv[1:]))
     if a.what == "killnine":
         say("seed %d" % a.seed)

@@ -24,6 +24,7 @@ sys.path.insert(0, os.path.join(ROOT, "tools"))
 from qel_app_sim import AppSim                      # noqa: E402
 from qel_demo import enter_namespace, make_db       # noqa: E402
 from qel_server_sim import ServerSim                # noqa: E402
+from benchlib import percentile  # noqa: E402
 
 STATS = "/vmu/device/monitor/statistics/upload"
 
@@ -46,12 +47,6 @@ def stop(srv, app, agent):
     agent.wait(5)
     srv.stop()
     app.stop()
-
-
-def percentile(values, p):
-    values = sorted(values)
-    k = min(len(values) - 1, max(0, int(round(p / 100.0 * (len(values) - 1)))))
-    return values[k]
 
 
 def bench_latency(binary, spaced=200, burst=300):

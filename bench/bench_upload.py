@@ -43,6 +43,7 @@ sys.path.insert(0, SYSTEM)
 sys.path.insert(0, os.path.join(ROOT, "tools"))
 
 import nsrun                                     # noqa: E402
+from benchlib import percentile, say, table, terminated  # noqa: E402
 
 APP_PORT = 8890
 HOST = nsrun.HOST_NAME
@@ -51,26 +52,6 @@ MB = 1000 * 1000
 EDGE = 65536                     # bytes of each body's beginning and end kept to compare
 F_SETPIPE_SZ = 1031
 _GLOG_LINE = re.compile(r"^[IWEF](\d{8} \d\d:\d\d:\d\d\.\d{6})\s+\d+ \S+\] (.*)$", re.M)
-
-
-def say(text=""):
-    print(text, flush=True)
-
-
-def table(headers, rows):
-    widths = [max(len(str(x)) for x in col) for col in zip(headers, *rows)]
-    line = lambda cells: "  ".join(str(c).rjust(w) for c, w in zip(cells, widths))
-    say(line(headers))
-    say(line(["-" * w for w in widths]))
-    for r in rows:
-        say(line(r))
-
-
-def percentile(values, p):
-    values = sorted(values)
-    if not values:
-        return float("nan")
-    return values[min(len(values) - 1, max(0, int(round(p / 100.0 * (len(values) - 1)))))]
 
 
 def proc_status_kib(pid, field):
@@ -446,11 +427,6 @@ def bench_latency(b, a, before):
           [(len(lat), "%.1f" % percentile(lat, 50), "%.1f" % percentile(lat, 99), "%.1f" % max(lat))])
 
 
-def _terminated(signum, frame):
-    # unshare --kill-child sends SIGTERM when it is itself killed: clean up as for ^C
-    raise KeyboardInterrupt("signal %d" % signum)
-
-
 def main():
     ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     ap.add_argument("binary")
@@ -467,7 +443,7 @@ def main():
 
     if os.environ.get("QEL_IN_NS") != "1":
         nsrun.reexec(os.path.abspath(__file__), sys.argv[1:])
-    signal.signal(signal.SIGTERM, _terminated)
+    signal.signal(signal.SIGTERM, terminated)
     say("bench_upload: %s" % " ".join([os.path.basename(sys.argv[0])] + sys.argv[1:]))
     benches = []
     try:

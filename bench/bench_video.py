@@ -51,6 +51,7 @@ sys.path.insert(0, SYSTEM)
 sys.path.insert(0, os.path.join(ROOT, "tools"))
 
 import nsrun                                                     # noqa: E402
+from benchlib import percentile, say, table, terminated  # noqa: E402
 from qel_app_sim import Camera, TestPicture, announcement, frame_number, frame_size   # noqa: E402
 from qel_cdn_sink import CdnSink                                 # noqa: E402
 
@@ -65,27 +66,6 @@ FFMPEG = ["ffmpeg", "-hide_banner", "-loglevel", "error", "-y",
           "-f", "rawvideo", "-pix_fmt", "yuv420p", "-s", "%dx%d" % (WIDTH, HEIGHT), "-r", str(FPS), "-i", "-",
           "-c:v", "libx264", "-preset", "ultrafast", "-profile:v", "baseline", "-b:v", "1M", "-g", "12",
           "-f", "mpegts"]
-
-
-def say(text=""):
-    print(text, flush=True)
-
-
-def table(headers, rows):
-    widths = [max(len(str(x)) for x in col) for col in zip(headers, *rows)]
-    line = lambda cells: "  ".join(str(c).rjust(w) for c, w in zip(cells, widths))
-    say(line(headers))
-    say(line(["-" * w for w in widths]))
-    for r in rows:
-        say(line(r))
-
-
-def percentile(values, p):
-    values = sorted(values)
-    if not values:
-        return float("nan")
-    k = min(len(values) - 1, max(0, int(round(p / 100.0 * (len(values) - 1)))))
-    return values[k]
 
 
 # ---- processes and the machine ---------------------------------------------------
@@ -836,11 +816,6 @@ def bench_idle(a):
 
 # ---- command line ------------------------------------------------------------------------------
 
-def _terminated(signum, frame):
-    # unshare --kill-child sends SIGTERM when it is itself killed: clean up as for ^C
-    raise KeyboardInterrupt("signal %d" % signum)
-
-
 def add_encoder(p):
     p.add_argument("--seconds", type=int, default=60, help="streaming time of each encoder, s")
     p.add_argument("--order", choices=("auto", "together", "sequential"), default="auto",
@@ -897,7 +872,7 @@ def main():
 
     if os.environ.get("QEL_IN_NS") != "1":
         nsrun.reexec(os.path.abspath(__file__), sys.argv[1:])
-    signal.signal(signal.SIGTERM, _terminated)
+    signal.signal(signal.SIGTERM, terminated)
     say("bench_video: %s" % " ".join([os.path.basename(sys.argv[0])] + sys.argv[1:]))
     say("uptime: %s" % subprocess.run(["uptime"], stdout=subprocess.PIPE, universal_newlines=True).stdout.strip())
     if a.what == "all":
