@@ -5,7 +5,6 @@
 
 #include <sys/shm.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -23,7 +22,6 @@ namespace {
 // Every 100th frame posted (the 1st, 101st ...) is logged, process-wide.
 std::atomic<unsigned long> gPostCount{0};
 
-constexpr int kPassPauseMs = 50;
 constexpr int kSemaphoreWaitMs = 20;
 
 }  // namespace
@@ -83,10 +81,22 @@ void QEL_ItemVideoThreadCopy::run()
 {
     // Cameras announced after the start are not served by this run.
     const int n = item_->pushList.size();
-    if (n == 0)
+    if (n == 0 || item_->fps <= 0)
         return;
+    // One pass per frame slot (1/fps s), made at the slot's centre: a frame's
+    // time is rounded to the nearest slot, so a pass that starts anywhere
+    // near a slot boundary would now and then put two frames in one slot
+    // (the second dropped) and leave the next one empty.
+    const qint64 period = 1000 / item_->fps;
+    qint64 lastSlotMs = 0;
     while (waitFor(-1)) {
-        const auto passStart = std::chrono::steady_clock::now();
+        const qint64 now = QDateTime::currentMSecsSinceEpoch();
+        qint64 slotMs = lastSlotMs != 0 ? lastSlotMs + period : (now + period - 1) / period * period;
+        if (now - slotMs >= period / 2)
+            slotMs = (now + period / 2) / period * period;     // fell behind: this slot, not the missed ones
+        if (slotMs > now && !waitFor(static_cast<int>(slotMs - now)))
+            break;
+        lastSlotMs = slotMs;
         for (int i = 0; i < n; ++i) {
             const VideoPushInfo& push = item_->pushList.at(i);
             // A push that is not streaming (video server or CDN away) gets
@@ -97,23 +107,18 @@ void QEL_ItemVideoThreadCopy::run()
             // The frame is copied out while the application is kept from
             // writing it; the encode happens later, on the push thread. The
             // application holds it only while it writes a frame: one that
-            // stays taken longer costs this camera its frame for this tick,
+            // stays taken longer costs this camera its frame for this slot,
             // never the other cameras their rate, nor the agent its stop.
             if (!push.semaphore->P_sem_for(kSemaphoreWaitMs))
                 continue;
-            const qint64 now = QDateTime::currentDateTime().toMSecsSinceEpoch();
+            const qint64 copied = QDateTime::currentDateTime().toMSecsSinceEpoch();
             if (gPostCount.fetch_add(1) % 100 == 0)
-                LOG(INFO) << "send video: " << "cur=" << i << " " << (now % 86400000) / 1000 << "." << now % 1000;
-            push.mux->mux()->PostImgBuffer(push.sharedMemory, push.size, static_cast<long>(now), CMux::kI420);
+                LOG(INFO) << "send video: " << "cur=" << i << " " << (copied % 86400000) / 1000 << "." << copied % 1000;
+            // Every camera's frame of this pass carries the pass's slot time,
+            // however long the cameras before it took.
+            push.mux->mux()->PostImgBuffer(push.sharedMemory, push.size, static_cast<long>(slotMs), CMux::kI420);
             push.semaphore->V_sem();
         }
-        // Passes start at least 50 ms apart, counted from the start of the
-        // last one: the time the copies took is not added to the period, so
-        // the cameras keep their 20 frames a second.
-        const auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(
-            std::chrono::steady_clock::now() - passStart);
-        if (!waitFor(std::max<int>(0, kPassPauseMs - static_cast<int>(spent.count()))))
-            break;
     }
 }
 
