@@ -57,6 +57,10 @@ int CMux::Initialize(int width, int height, int bit_rate, int fps, const char* s
     haveVideo_ = true;
     backlog_.reset(new char[kBacklogCapacity]);
     backlogFill_ = 0;
+    if (width > 0 && height > 0) {
+        framePoolSize_ = static_cast<size_t>(width) * height * 3 / 2;
+        framePool_ = av_buffer_pool_init(framePoolSize_, nullptr);
+    }
 
     if (avformat_alloc_output_context2(&formatContext_, nullptr, "mpegts", nullptr) < 0 || formatContext_ == nullptr)
         return 1;
@@ -195,7 +199,8 @@ int CMux::PostImgBuffer(const char* data, int size, long time_ms, char image_typ
     const size_t posted = size > 0 ? static_cast<size_t>(size) : 0;
     const size_t picture = static_cast<size_t>(std::max(width_, 0)) * std::max(height_, 0) * 3 / 2;
     const size_t allocated = std::max(posted, picture);
-    pending.data.reset(av_buffer_alloc(allocated > 0 ? allocated : 1));
+    const bool pooled = framePool_ != nullptr && allocated == framePoolSize_;
+    pending.data.reset(pooled ? av_buffer_pool_get(framePool_) : av_buffer_alloc(allocated > 0 ? allocated : 1));
     if (!pending.data)
         return 0;
     uint8_t* copy = pending.data->data;
@@ -213,6 +218,20 @@ int CMux::PostImgBuffer(const char* data, int size, long time_ms, char image_typ
     }
     frameReady_.notify_one();
     return 1;
+}
+
+void CMux::startFresh()
+{
+    staleBefore_ = frameslots::slotOf(GetMs(), fps_);
+    keyWanted_ = true;
+}
+
+AVPictureType CMux::takeKeyRequest(int64_t slot)
+{
+    if (!keyWanted_ || slot < staleBefore_)
+        return AV_PICTURE_TYPE_NONE;
+    keyWanted_ = false;
+    return AV_PICTURE_TYPE_I;
 }
 
 int CMux::queued() const
@@ -272,6 +291,7 @@ int CMux::OnMux()
     }
     if (filled == 0) {
         frame->pts = pending.slot;
+        frame->pict_type = takeKeyRequest(pending.slot);
         EncodeAndWrite(frame);
         return 0;
     }
@@ -287,6 +307,7 @@ int CMux::OnMux()
     direct->buf[0] = pending.data.release();
     pixelconvert::i420Planes(direct->buf[0]->data, direct->width, direct->height, direct->data, direct->linesize);
     direct->pts = pending.slot;
+    direct->pict_type = takeKeyRequest(pending.slot);
     EncodeAndWrite(direct);
     av_frame_free(&direct);
     return 0;
@@ -313,6 +334,15 @@ int CMux::EncodeAndWrite(AVFrame* frame)
             std::fprintf(stderr, "Error during encoding\n");
             result = 1;
             break;
+        }
+        if (staleBefore_ >= 0) {
+            // A new connection: what the encoder still held from before it
+            // is old video, and a stream must start on a key frame.
+            if (packet->pts < staleBefore_ || !(packet->flags & AV_PKT_FLAG_KEY)) {
+                av_packet_unref(packet);
+                continue;
+            }
+            staleBefore_ = -1;
         }
         packet->stream_index = video_.stream->index;
         av_packet_rescale_ts(packet, c->time_base, video_.stream->time_base);
@@ -375,6 +405,7 @@ void CMux::Release()
         std::lock_guard<std::mutex> lock(queueMutex_);
         queue_.clear();
     }
+    av_buffer_pool_uninit(&framePool_);
     backlog_.reset();
     backlogFill_ = 0;
     headerWritten_ = false;

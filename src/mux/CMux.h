@@ -121,6 +121,11 @@ private:
     int EncodeAndWrite(AVFrame* frame);
     static int MuxOutProc(void* opaque, uint8_t* buf, int size);
     int64_t step();     // OnTimer's work
+    // After a lost connection: packets of frames from before now are not
+    // written, the first frame from now on is encoded as a key frame, and
+    // the new stream begins with it.
+    void startFresh();
+    AVPictureType takeKeyRequest(int64_t slot);
     void CloseSocket();
 
     // encoder and muxer; push thread only
@@ -128,9 +133,16 @@ private:
     AVFormatContext* formatContext_ = nullptr;   // owned
     const AVCodec* videoCodec_ = nullptr;
     AVIOContext* io_ = nullptr;                  // owned, with its buffer
+    // Frame copies of a whole picture come from here and go back when the
+    // encoder lets go of them: no fresh pages to fault in for every frame.
+    // Thread-safe (its own lock); freed once the last buffer is back.
+    AVBufferPool* framePool_ = nullptr;
+    size_t framePoolSize_ = 0;
     bool haveVideo_ = false;
     bool headerWritten_ = false;
     bool drained_ = false;
+    int64_t staleBefore_ = -1;      // slot; -1: every packet is written
+    bool keyWanted_ = false;
     int width_ = 0, height_ = 0, bitRate_ = 0, fps_ = 0;
 
     // frame queue; see the class comment

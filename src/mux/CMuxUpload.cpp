@@ -157,6 +157,7 @@ int64_t CMux::step()
         stateTime_ = 0;
         lastSendTime_ = 0;
         backlogFill_ = 0;
+        startFresh();
         return kRestartPauseMs;
     default:
         return 0;

@@ -115,7 +115,15 @@ class VideoTest(VideoCase):
         second = self.wait_until(lambda: [c for c in self.sink.connections() if c["conn"] > first["conn"]
                                           and c["head_complete"] and c["bytes"] > 100000], 20, "a second stream")[0]
         self.assertEqual(second["head"], put_head(self.srv.push_address(1)))
-        self.assert_decodes(second["conn"], 160, 128)
+        # The new stream starts on a key frame of fresh video, not on what
+        # the encoder still held from the old connection.
+        frames = self.assert_decodes(second["conn"], 160, 128)
+        self.assertEqual(frames[0]["key_frame"], 1)
+        # pts are wall-clock times in 1/90000 s, kept to 33 bits: the first
+        # frame is from after the old connection closed (less a few slots).
+        closed = self.sink.connection(first["conn"])["closed"]
+        after = (frames[0]["pts"] - int((closed - 0.15) * 90000)) % (1 << 33)
+        self.assertLess(after, 10 * 90000, "first frame %.2f s before the close" % (((1 << 33) - after) / 90000.0))
         self.assert_clean()
 
     def test_a_camera_held_by_the_application_stops_nothing_else(self):
