@@ -38,7 +38,8 @@ import threading
 import time
 from urllib.parse import urlsplit
 
-from qel_simnet import (DEFAULT_CDN_PORT, LOOPBACK, bind_listener, close_listening, run_simulator, send_control, stamp)
+from qel_simnet import (DEFAULT_CDN_PORT, LOOPBACK, accept_loop, bind_listener, close_listening,
+                        run_simulator, send_control, stamp)
 
 HEAD_END = b"\r\n\r\n"
 # A head that has not ended after this many bytes is taken as it is; what
@@ -428,34 +429,25 @@ class CdnSink:
                 c.shut_down(reset)
 
     def _accept_loop(self, listener):
-        while True:
-            with self._lock:
-                if self._stopping or self._listener is not listener:
-                    return
-            try:
-                ready, _, _ = select.select([listener], [], [], 0.1)
-            except (OSError, ValueError):
-                return
-            if not ready:
-                continue
-            with self._lock:
-                if self._listener is not listener:
-                    return
-                try:
-                    sock, peer = listener.accept()
-                except OSError:
-                    continue
-                c = _Conn(len(self._conns) + 1, sock, "%s:%d" % peer)
-                self._conns.append(c)
-                if self.mode == "refusing":
-                    sock.close()
-                    c.closed, c.closed_by, c.refused = c.accepted, "sink", True
-                    self._event({"event": "refused", "conn": c.n, "peer": c.peer})
-                    continue
-                t = threading.Thread(target=self._serve, args=(c,), daemon=True, name="cdn-conn-%d" % c.n)
-                self._threads.append(t)
+        accept_loop(self._lock, lambda: not self._stopping and self._listener is listener, listener,
+                    self._accept)
+
+    def _accept(self, sock, peer):
+        """Under the lock: a new connection; returns what starts it."""
+        c = _Conn(len(self._conns) + 1, sock, "%s:%d" % peer)
+        self._conns.append(c)
+        if self.mode == "refusing":
+            sock.close()
+            c.closed, c.closed_by, c.refused = c.accepted, "sink", True
+            self._event({"event": "refused", "conn": c.n, "peer": c.peer})
+            return None
+        t = threading.Thread(target=self._serve, args=(c,), daemon=True, name="cdn-conn-%d" % c.n)
+        self._threads.append(t)
+
+        def start():
             self._event({"event": "connect", "conn": c.n, "peer": c.peer})
             t.start()
+        return start
 
     def _serve(self, c):
         closed_by = "peer"

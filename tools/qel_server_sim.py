@@ -41,7 +41,8 @@ import threading
 import time
 import zlib
 
-from qel_simnet import (DEFAULT_CDN_PORT, bind_listener, close_listening, run_simulator, send_control, stamp, unescape)
+from qel_simnet import (DEFAULT_CDN_PORT, accept_loop, bind_listener, close_listening,
+                        run_simulator, send_control, stamp, unescape)
 
 LOOPBACK = "127.0.0.1"
 
@@ -848,39 +849,30 @@ class ServerSim:
         t.start()
 
     def _accept_loop(self, p, listener):
-        while True:
-            with self._lock:
-                if self._stopping or p.listener is not listener:
-                    return
-            try:
-                ready, _, _ = select.select([listener], [], [], 0.1)
-            except (OSError, ValueError):
-                return
-            if not ready:
-                continue
-            with self._lock:
-                if p.listener is not listener:
-                    return
-                try:
-                    conn, peer = listener.accept()
-                except OSError:
-                    continue
-                self._conn_seq += 1
-                cid = self._conn_seq
-                peer_text = "%s:%d" % peer
-                if p.mode == "refusing":
-                    conn.close()
-                    self._event({"event": "refused", "port": p.port, "port_name": p.name,
-                                 "peer": peer_text, "conn": cid})
-                    continue
-                conn.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-                p.conns[cid] = _Conn(conn, cid)
-                t = threading.Thread(target=self._serve, args=(p, p.conns[cid], peer_text, cid),
-                                     daemon=True, name="srv-conn-%d" % cid)
-                self._threads.append(t)
+        accept_loop(self._lock, lambda: not self._stopping and p.listener is listener, listener,
+                    lambda conn, peer: self._accept(p, conn, peer))
+
+    def _accept(self, p, conn, peer):
+        """Under the lock: a new connection on port `p`; returns what starts it."""
+        self._conn_seq += 1
+        cid = self._conn_seq
+        peer_text = "%s:%d" % peer
+        if p.mode == "refusing":
+            conn.close()
+            self._event({"event": "refused", "port": p.port, "port_name": p.name,
+                         "peer": peer_text, "conn": cid})
+            return None
+        conn.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        p.conns[cid] = _Conn(conn, cid)
+        t = threading.Thread(target=self._serve, args=(p, p.conns[cid], peer_text, cid),
+                             daemon=True, name="srv-conn-%d" % cid)
+        self._threads.append(t)
+
+        def start():
             self._event({"event": "connect", "port": p.port, "port_name": p.name,
                          "peer": peer_text, "conn": cid})
             t.start()
+        return start
 
     def _serve(self, p, c, peer, cid):
         conn = c.sock

@@ -2,6 +2,7 @@
 
 import errno
 import os
+import select
 import signal
 import socket
 import sys
@@ -148,3 +149,29 @@ def run_simulator(name, sim, mode, control_port, use_stdin, duration, banner, on
         on_end()
     sim.stop()
     return 0
+
+
+def accept_loop(lock, listening, listener, accept):
+    """Accepts connections on `listener` for as long as listening() holds
+    (asked under `lock`). accept(sock, peer) runs under `lock` and returns
+    what to do once the lock is released (a callable), or None."""
+    while True:
+        with lock:
+            if not listening():
+                return
+        try:
+            ready, _, _ = select.select([listener], [], [], 0.1)
+        except (OSError, ValueError):
+            return
+        if not ready:
+            continue
+        with lock:
+            if not listening():
+                return
+            try:
+                sock, peer = listener.accept()
+            except OSError:
+                continue
+            after = accept(sock, peer)
+        if after is not None:
+            after()
