@@ -46,7 +46,7 @@ import sys
 import threading
 import time
 
-from qel_simnet import bind_listener, close_listening, stop_event, unescape
+from qel_simnet import accept_loop, bind_listener, close_listening, stop_event, unescape
 
 LOOPBACK = "127.0.0.1"
 DEFAULT_PORT = 8890
@@ -822,38 +822,30 @@ class AppSim:
     # ---- internals --------------------------------------------------------
 
     def _accept_loop(self, listener):
-        while True:
-            with self._lock:
-                if self._stopping or self._listener is not listener:
-                    return
+        # The new connection is taken once the lock is released: greeting it
+        # writes to it.
+        accept_loop(self._lock, lambda: not self._stopping and self._listener is listener, listener,
+                    lambda conn, peer: lambda: self._take(conn))
+
+    def _take(self, conn):
+        conn.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        if self.greeting is not None:
+            self._greet(conn)
+        with self._cond:
+            old = self._conn
+            self._conn = conn
+            self._conn_seq += 1
+            cid = self._conn_seq
+            self._cond.notify_all()
+        if old is not None:
             try:
-                ready, _, _ = select.select([listener], [], [], 0.1)
-            except (OSError, ValueError):
-                return
-            if not ready:
-                continue
-            try:
-                conn, _ = listener.accept()
+                old.shutdown(socket.SHUT_RDWR)
             except OSError:
-                continue
-            conn.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-            if self.greeting is not None:
-                self._greet(conn)
-            with self._cond:
-                old = self._conn
-                self._conn = conn
-                self._conn_seq += 1
-                cid = self._conn_seq
-                self._cond.notify_all()
-            if old is not None:
-                try:
-                    old.shutdown(socket.SHUT_RDWR)
-                except OSError:
-                    pass
-            t = threading.Thread(target=self._read_loop, args=(conn, cid), daemon=True,
-                                 name="app-conn-%d" % cid)
-            self._threads.append(t)
-            t.start()
+                pass
+        t = threading.Thread(target=self._read_loop, args=(conn, cid), daemon=True,
+                             name="app-conn-%d" % cid)
+        self._threads.append(t)
+        t.start()
 
     def _greet(self, conn):
         # before the connection is published, so that nothing overtakes it
