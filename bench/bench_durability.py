@@ -26,11 +26,9 @@ import argparse
 import collections
 import os
 import random
-import shutil
 import signal
 import sqlite3
 import sys
-import tempfile
 import threading
 import time
 from contextlib import closing
@@ -41,7 +39,7 @@ sys.path.insert(0, SYSTEM)
 sys.path.insert(0, os.path.join(ROOT, "tools"))
 
 import nsrun                                     # noqa: E402
-from benchlib import percentile, say, table, terminated  # noqa: E402
+from benchlib import AgentRuns, percentile, say, table, terminated  # noqa: E402
 
 STATS = "/vmu/device/monitor/statistics/upload"
 APP_PORT = 8890
@@ -68,39 +66,17 @@ def history_rows(db):
         return (0, 0)
 
 
-class Bench:
+class Bench(AgentRuns):
     """The simulators, a work directory and one agent run at a time."""
 
     def __init__(self, binary, keep):
-        from qeltest import AppSim, ServerSim, make_db
-        self.binary, self.keep = binary, keep
-        self.work = tempfile.mkdtemp(prefix="qel_bench_durability_")
+        from qeltest import AppSim, ServerSim
+        super().__init__(binary, keep, "durability")
         self.srv = ServerSim(0, 0, record=None).start()
+        self.on_close(self.srv.stop)
         self.app = AppSim(APP_PORT, gap_ms=0).start()
-        self.db = make_db(os.path.join(self.work, "sysconf.db"), self.work,
-                          self.srv.info_port, self.srv.file_port,
-                          overrides={"logpath": os.path.join(self.work, "log/")})
-        self.agent = None
-        self.runs = 0
-
-    def start_agent(self):
-        from qeltest import Agent
-        self.runs += 1
-        self.agent = Agent(self.work, db=self.db, log_dir="log")
-        self.agent.binary = self.binary
-        self.agent.start()
-        self.agent.wait_log(r"config success", timeout=30)
-        return self.agent
-
-    def close(self):
-        if self.agent is not None:
-            self.agent.stop()
-        self.app.stop()
-        self.srv.stop()
-        if self.keep:
-            say("work directory kept: %s" % self.work)
-        else:
-            shutil.rmtree(self.work, ignore_errors=True)
+        self.on_close(self.app.stop)
+        self.db = self.make_db(self.srv.info_port, self.srv.file_port)
 
 
 class Sender(threading.Thread):

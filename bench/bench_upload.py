@@ -33,7 +33,6 @@ import socket
 import statistics
 import subprocess
 import sys
-import tempfile
 import threading
 import time
 
@@ -43,7 +42,7 @@ sys.path.insert(0, SYSTEM)
 sys.path.insert(0, os.path.join(ROOT, "tools"))
 
 import nsrun                                     # noqa: E402
-from benchlib import percentile, say, table, terminated  # noqa: E402
+from benchlib import AgentRuns, percentile, say, table, terminated  # noqa: E402
 
 APP_PORT = 8890
 HOST = nsrun.HOST_NAME
@@ -206,45 +205,20 @@ def rate(record):
     return record["length"] / MB / max(record["end"] - record["first"], 1e-9)
 
 
-class Bench:
+class Bench(AgentRuns):
     """The server simulator (information port), the sink (file port), the
     application simulator and a work directory; one agent run at a time."""
 
     def __init__(self, binary, keep):
-        from qeltest import AppSim, ServerSim, make_db
-        self.binary, self.keep = binary, keep
-        self.work = tempfile.mkdtemp(prefix="qel_bench_upload_")
+        from qeltest import AppSim, ServerSim
+        super().__init__(binary, keep, "upload")
         self.srv = ServerSim(0, 0, record=None, inspect_archives=False, digest_bodies=False).start()
+        self.on_close(self.srv.stop)
         self.sink = Sink()
+        self.on_close(self.sink.close)
         self.app = AppSim(APP_PORT, gap_ms=20).start()
-        self.db = make_db(os.path.join(self.work, "sysconf.db"), self.work, self.srv.info_port, self.sink.port,
-                          overrides={"logpath": os.path.join(self.work, "log/")})
-        self.agent = None
-
-    def path(self, *parts):
-        return os.path.join(self.work, *parts)
-
-    def start_agent(self):
-        from qeltest import Agent
-        if self.agent is not None:
-            self.agent.stop()
-        self.agent = Agent(self.work, db=self.db, log_dir="log")
-        self.agent.binary = self.binary
-        self.started = time.time()
-        self.agent.start()
-        self.agent.wait_log(r"config success", timeout=30)
-        return self.agent
-
-    def close(self):
-        if self.agent is not None:
-            self.agent.stop()
-        self.app.stop()
-        self.srv.stop()
-        self.sink.close()
-        if self.keep:
-            say("work directory kept: %s" % self.work)
-        else:
-            shutil.rmtree(self.work, ignore_errors=True)
+        self.on_close(self.app.stop)
+        self.db = self.make_db(self.srv.info_port, self.sink.port)
 
 
 def write_random(directory, count, size, prefix):

@@ -1,4 +1,9 @@
-"""What every benchmark here prints and computes the same way."""
+"""What every benchmark here prints, computes and sets up the same way."""
+
+import os
+import shutil
+import tempfile
+import time
 
 
 def say(text=""):
@@ -27,3 +32,48 @@ def terminated(signum, frame):
     """SIGTERM handler: unshare --kill-child sends SIGTERM when it is itself
     killed; clean up as for ^C."""
     raise KeyboardInterrupt("signal %d" % signum)
+
+
+class AgentRuns:
+    """A work directory, the simulators a bench started (stopped by close, in
+    reverse order) and one agent run at a time, logging into <work>/log/."""
+
+    def __init__(self, binary, keep, name):
+        self.binary, self.keep = binary, keep
+        self.work = tempfile.mkdtemp(prefix="qel_bench_%s_" % name)
+        self.agent = None
+        self.started = None         # when the current run was started (time.time())
+        self._closers = []
+
+    def path(self, *parts):
+        return os.path.join(self.work, *parts)
+
+    def on_close(self, closer):
+        self._closers.append(closer)
+
+    def make_db(self, info_port, file_port):
+        from qeltest import make_db
+        return make_db(self.path("sysconf.db"), self.work, info_port, file_port,
+                       overrides={"logpath": self.path("log/")})
+
+    def start_agent(self):
+        """Ends the current run, if any, and starts a new one on self.db."""
+        from qeltest import Agent
+        if self.agent is not None:
+            self.agent.stop()
+        self.agent = Agent(self.work, db=self.db, log_dir="log")
+        self.agent.binary = self.binary
+        self.started = time.time()
+        self.agent.start()
+        self.agent.wait_log(r"config success", timeout=30)
+        return self.agent
+
+    def close(self):
+        if self.agent is not None:
+            self.agent.stop()
+        for closer in reversed(self._closers):
+            closer()
+        if self.keep:
+            say("work directory kept: %s" % self.work)
+        else:
+            shutil.rmtree(self.work, ignore_errors=True)

@@ -38,8 +38,8 @@ import threading
 import time
 from urllib.parse import urlsplit
 
-from qel_simnet import (DEFAULT_CDN_PORT, LOOPBACK, accept_loop, bind_listener, close_listening,
-                        run_simulator, send_control, stamp)
+from qel_simnet import (DEFAULT_CDN_PORT, LOOPBACK, accept_loop, add_shell_options, bind_listener,
+                        close_listening, run_simulator, shell_command_status, stamp)
 
 HEAD_END = b"\r\n\r\n"
 # A head that has not ended after this many bytes is taken as it is; what
@@ -554,22 +554,12 @@ def main(argv=None):
     ap.add_argument("--mode", default="normal", help='initial behaviour, e.g. "close-after 100000"')
     ap.add_argument("--stall", action="store_true", help="start without reading")
     ap.add_argument("--recv-buffer", type=int, metavar="BYTES", help="receive buffer of each connection")
-    ap.add_argument("--control-port", type=int, help="accept one-line commands on 127.0.0.1:PORT")
-    ap.add_argument("--stdin", action="store_true", help="also read commands from standard input")
-    ap.add_argument("--duration", type=float, help="stop after this many seconds")
     ap.add_argument("--quiet", action="store_true", help="do not print connection events")
-    ap.add_argument("--ctl", type=int, metavar="PORT",
-                    help="send the remaining words as one command to a running sink and exit")
-    ap.add_argument("words", nargs="*", help=argparse.SUPPRESS)
+    add_shell_options(ap, "sink")
     a = ap.parse_args(argv)
-
-    if a.ctl is not None:
-        return send_control(a.ctl, a.words)
-    if a.words:
-        ap.error("unexpected arguments: %s" % " ".join(a.words))
-    mode_words = a.mode.split(None, 1)
-    if mode_words[0] not in MODES and mode_words[0] != "up":
-        ap.error("unknown mode %r (one of %s)" % (mode_words[0], ", ".join(MODES)))
+    status = shell_command_status(ap, a, MODES)
+    if status is not None:
+        return status
 
     printer = None if a.quiet else (lambda ev: print(_format_event(ev), flush=True))
     sink = CdnSink(a.port, directory=a.dir, record=a.record, on_event=printer, recv_buffer=a.recv_buffer)

@@ -41,8 +41,8 @@ import threading
 import time
 import zlib
 
-from qel_simnet import (DEFAULT_CDN_PORT, accept_loop, bind_listener, close_listening,
-                        run_simulator, send_control, stamp, unescape)
+from qel_simnet import (DEFAULT_CDN_PORT, accept_loop, add_shell_options, bind_listener,
+                        close_listening, run_simulator, shell_command_status, stamp, unescape)
 
 LOOPBACK = "127.0.0.1"
 
@@ -1146,24 +1146,14 @@ def main(argv=None):
     ap.add_argument("--login-code", type=int, help='login answer {"code": N} (default 0)')
     ap.add_argument("--reply", action="append", default=[], metavar="PATH=JSON",
                     help="answer requests to PATH with this body (repeatable)")
-    ap.add_argument("--control-port", type=int, help="accept one-line commands on 127.0.0.1:PORT")
-    ap.add_argument("--stdin", action="store_true", help="also read commands from standard input")
-    ap.add_argument("--duration", type=float, help="stop after this many seconds")
     ap.add_argument("--quiet", action="store_true", help="do not print requests")
-    ap.add_argument("--ctl", type=int, metavar="PORT",
-                    help="send the remaining words as one command to a running simulator and exit")
-    ap.add_argument("words", nargs="*", help=argparse.SUPPRESS)
+    add_shell_options(ap, "simulator")
     a = ap.parse_args(argv)
-
-    if a.ctl is not None:
-        return send_control(a.ctl, a.words)
-    if a.words:
-        ap.error("unexpected arguments: %s" % " ".join(a.words))
     if a.bind not in (LOOPBACK, "localhost"):
         ap.error("refusing to bind %s: the simulator serves 127.0.0.1 only" % a.bind)
-    mode_words = a.mode.split(None, 1)
-    if mode_words[0] not in MODES and mode_words[0] != "up":
-        ap.error("unknown mode %r (one of %s)" % (mode_words[0], ", ".join(MODES)))
+    status = shell_command_status(ap, a, MODES)
+    if status is not None:
+        return status
 
     printer = None if a.quiet else (lambda ev: print(_format_event(ev), flush=True))
     sim = ServerSim(a.info_port, a.file_port, record=a.record, heartbeat_msg=a.heartbeat_msg,

@@ -1,5 +1,6 @@
 """Loopback socket and command-line helpers shared by the simulators."""
 
+import argparse
 import errno
 import os
 import select
@@ -175,3 +176,27 @@ def accept_loop(lock, listening, listener, accept):
             after = accept(sock, peer)
         if after is not None:
             after()
+
+
+def add_shell_options(ap, what):
+    """The options of a simulator run from a shell: commands while it runs,
+    how long it runs, and --ctl to talk to one that runs already."""
+    ap.add_argument("--control-port", type=int, help="accept one-line commands on 127.0.0.1:PORT")
+    ap.add_argument("--stdin", action="store_true", help="also read commands from standard input")
+    ap.add_argument("--duration", type=float, help="stop after this many seconds")
+    ap.add_argument("--ctl", type=int, metavar="PORT",
+                    help="send the remaining words as one command to a running %s and exit" % what)
+    ap.add_argument("words", nargs="*", help=argparse.SUPPRESS)
+
+
+def shell_command_status(ap, a, modes):
+    """For parsed shell options: the exit status of a --ctl call, or None
+    when the simulator is to run (its --mode checked against `modes`)."""
+    if a.ctl is not None:
+        return send_control(a.ctl, a.words)
+    if a.words:
+        ap.error("unexpected arguments: %s" % " ".join(a.words))
+    mode_word = a.mode.split(None, 1)[0]
+    if mode_word not in modes and mode_word != "up":
+        ap.error("unknown mode %r (one of %s)" % (mode_word, ", ".join(modes)))
+    return None

@@ -8,7 +8,6 @@
 #include "CMux.h"
 
 #include <arpa/inet.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -19,7 +18,6 @@
 
 extern "C" {
 #include <libavutil/error.h>
-#include <libavutil/imgutils.h>
 #include <libavutil/opt.h>
 }
 

@@ -133,12 +133,11 @@ int64_t CMux::step()
         sendFailed_ = false;
         // Every byte counts, new stream bytes as well as the backlog: only
         // a connection that took nothing for a minute is given up.
-        if (s >= 1 || sentSinceStep_) {
+        if (sentSinceStep_)
             lastSendTime_ = now;
-            if (s >= 1)
-                r = 0;
-        }
         sentSinceStep_ = false;
+        if (s >= 1)
+            r = 0;
         if (lastSendTime_ == 0)
             lastSendTime_ = now;
         if (lastSendTime_ + kStallLimitMs < now) {
@@ -201,10 +200,9 @@ int CMux::GetCdn()
         if (n > 0)
             used = std::min(sizeof request - 1, used + static_cast<size_t>(n));
     };
-    const auto* ip = reinterpret_cast<const unsigned char*>(&serverIp_);
     append("GET /vmu/inlive/pushurl/query?device_id=%s&camera_id=%s", deviceId_, cameraId_);
     append(" HTTP/1.1");
-    append("\r\nHost: %d.%d.%d.%d", ip[0], ip[1], ip[2], ip[3]);
+    append("\r\nHost: %s", dotted(serverIp_).c_str());
     append("\r\nAccept: */*");
     append("\r\nConnection: close");
     append("\r\nAuthorized: true");

@@ -15,12 +15,19 @@ union semun {
     unsigned short* array;
 };
 
-void operate(int id, short delta)
+// One step on semaphore 0 of the set, undone by the kernel if we die.
+sembuf step(short delta)
 {
     sembuf op{};
     op.sem_num = 0;
     op.sem_op = delta;
     op.sem_flg = SEM_UNDO;
+    return op;
+}
+
+void operate(int id, short delta)
+{
+    sembuf op = step(delta);
     semop(id, &op, 1);
 }
 
@@ -61,10 +68,7 @@ bool QEL_Semaphore::P_sem_for(int ms)
 {
     if (id_ == -1)
         return true;
-    sembuf op{};
-    op.sem_num = 0;
-    op.sem_op = -1;
-    op.sem_flg = SEM_UNDO;
+    sembuf op = step(-1);
     timespec limit{ms / 1000, (ms % 1000) * 1000000L};
     for (;;) {
         if (semtimedop(id_, &op, 1, &limit) == 0)

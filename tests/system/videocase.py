@@ -6,7 +6,7 @@ import json
 import os
 import subprocess
 
-from runtime import APP_PORT, HOST, RuntimeCase
+from runtime import HOST, RuntimeCase
 
 PUSH_QUERY = "/vmu/inlive/pushurl/query"
 
