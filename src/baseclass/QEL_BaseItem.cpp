@@ -64,11 +64,13 @@ void QEL_BaseItem::ParseToCamDec(const QString&, int&, int&)
 {
 }
 
-void QEL_BaseItem::Item_fromApplication(const QString& body)
+void QEL_BaseItem::Item_fromApplication(const QString& body, const Handled& handled)
 {
     QString info;
     if (Item_pickInfo(body, info) == RET_OK)
         Item_addToSendQueue(QStringList() << info);
+    if (handled)
+        handled();
 }
 
 RetError QEL_BaseItem::Item_addToSendQueue(const QStringList& list)

@@ -4,6 +4,7 @@
 #include <QObject>
 #include <QString>
 #include <QStringList>
+#include <functional>
 
 #include "RetError.h"
 
@@ -32,9 +33,12 @@ public:
     virtual void ParseToCamDec(const QString& text, int& camera, int& detect);
 
     // A message body from the application: build the request and queue it.
-    // Items whose preparation may block override this to do it off the main
-    // thread.
-    virtual void Item_fromApplication(const QString& body);
+    // `handled` runs on the main thread once whatever the message leads to
+    // is queued (at once for most items); the application's "/back/" waits
+    // for it. Items whose preparation may block override this to do it off
+    // the main thread.
+    using Handled = std::function<void()>;
+    virtual void Item_fromApplication(const QString& body, const Handled& handled);
 
     void Item_CloseSocket();
     // Main thread: has the send thread go through its queue, connecting

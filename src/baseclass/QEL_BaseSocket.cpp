@@ -324,6 +324,22 @@ bool QEL_BaseSocket::writeNow(const QByteArray& data)
     return true;
 }
 
+void QEL_BaseSocket::abortAndReconnect()
+{
+    // Queued like every write, so it lands before any write asked for later.
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            connected = false;
+            if (state() != QAbstractSocket::UnconnectedState) {
+                readAll();      // a late answer must not be read as the next one's
+                abort();
+            }
+            requestConnect(ConnectWhen::Backoff);
+        },
+        Qt::QueuedConnection);
+}
+
 void QEL_BaseSocket::onBytesWritten(qint64 n)
 {
     bytesFlushed_ += n;

@@ -75,6 +75,10 @@ public:
     void closeForStop();
     // Main thread: write at once if connected (the heartbeat's direct write).
     bool writeNow(const QByteArray& data);
+    // Any thread: the connection can no longer be trusted (a request body
+    // left half written, an answer overdue): it is closed on the main thread
+    // before anything written after this call, and a new one is asked for.
+    void abortAndReconnect();
 
     qint32 reserved = 0;
     std::atomic<bool> connected{false};

@@ -7,6 +7,7 @@
 #include <glog/logging.h>
 
 #include "QEL_BaseItem.h"
+#include "QEL_BaseSocket.h"
 #include "QEL_ItemHost.h"
 #include "RetError.h"
 
@@ -117,9 +118,11 @@ void QEL_BaseThread::drain()
         }
 
         QEL_BaseItem* item = host->routableItem(head.number);
-        if (item == nullptr) {
-            // A number that names no sending item: the text can never be
-            // delivered. Only this very entry goes; the next one is innocent.
+        if (item == nullptr || item->thread != this) {
+            // A number that names no sending item of this thread (none at
+            // all, or one whose work the other thread does): the text can
+            // never be delivered from here. Only this very entry goes; the
+            // next one is innocent.
             queue.dropDamaged(head.id);
             LOG(INFO) << "error:" << "11" << "(damaged info)";
             host->catchAllItem()->Item_NetErrorOperate(RET_DAMAGED, head.text);
@@ -146,13 +149,23 @@ void QEL_BaseThread::drain()
             return;
         }
         if (result == RET_GIVEN_UP) {
+            // Whether or not the item removed it, it is not sent again.
             queue.sendFailed(head.id);
+            queue.giveUp(head.text);
             continue;
         }
         if (result == RET_DONE)
             queue.removeDone(head.id);
         // A time-out counts like a wake-up that brought no answer.
-        waitForWake(kReplyWaitMs);
-        queue.afterWait();
+        const bool woken = waitForWake(kReplyWaitMs);
+        const bool unanswered = queue.afterWait();
+        if (!woken && unanswered && result == RET_OK) {
+            // An answer that comes now could only be taken for the next
+            // request written on this connection: the connection goes
+            // before anything else is written on it.
+            LOG(INFO) << "send:" << head.number << "(no answer within " << kReplyWaitMs / 1000
+                      << " s: connection closed)";
+            item->socket->abortAndReconnect();
+        }
     }
 }

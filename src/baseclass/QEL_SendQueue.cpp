@@ -115,15 +115,17 @@ void QEL_SendQueue::sendFailed(quint64 id)
         inFlight_ = 0;
 }
 
-void QEL_SendQueue::afterWait()
+bool QEL_SendQueue::afterWait()
 {
     QMutexLocker g(&mutex_);
     // Only a request still waiting at the head has gone unanswered.
-    if (!answered_ && !lost_ && headIs(lastSent_))
+    const bool unanswered = !answered_ && !lost_ && headIs(lastSent_);
+    if (unanswered)
         ++attempts_;
     answered_ = false;
     lost_ = false;
     inFlight_ = 0;
+    return unanswered;
 }
 
 int QEL_SendQueue::attempts() const

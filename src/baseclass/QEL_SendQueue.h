@@ -75,7 +75,8 @@ public:
     void sendFailed(quint64 id);
     // After the wait for an answer: counts an unanswered send, unless the
     // answer came or the link was lost while the request was in flight.
-    void afterWait();
+    // Returns whether it was counted (the request went unanswered).
+    bool afterWait();
     int attempts() const;
     void resetAttempts();
 

@@ -168,7 +168,7 @@ int CMux::OpenVideo(const AVCodec* codec, OutputStream* ost)
     return 0;
 }
 
-int CMux::PostImgBuffer(const char* data, int size, long time_ms, char image_type)
+int CMux::PostImgBuffer(const char* data, int size, int64_t time_ms, char image_type)
 {
     // A push that cannot keep up loses its oldest frame, one per post.
     {

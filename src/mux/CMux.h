@@ -52,7 +52,7 @@ public:
     // Copy thread: queues a private copy of one frame taken at `time_ms`
     // (epoch milliseconds). 1 when taken, 0 when it falls into the slot of
     // the previous frame and is dropped.
-    int PostImgBuffer(const char* data, int size, long time_ms, char image_type);
+    int PostImgBuffer(const char* data, int size, int64_t time_ms, char image_type);
     // Push thread: encodes the oldest queued frame and writes its packets.
     // 1 when there was none.
     int OnMux();

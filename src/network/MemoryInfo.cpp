@@ -11,7 +11,7 @@ namespace {
 
 bool intItem(const cJSON* element, const char* key, int& out)
 {
-    const cJSON* item = cJSON_GetObjectItemCaseSensitive(element, key);
+    const cJSON* item = cJSON_GetObjectItem(element, key);
     if (!cJSON_IsNumber(item))
         return false;
     const double v = item->valuedouble;
@@ -37,13 +37,24 @@ bool project(int prefix, int cameraid, int& out)
     return true;
 }
 
+bool frameFits(const CameraAnnounce& camera, unsigned long long segmentBytes)
+{
+    if (camera.width <= 0 || camera.height <= 0 || camera.width > kMaxSide || camera.height > kMaxSide)
+        return false;
+    // An I420 picture: the luma plane and two chroma planes of half the
+    // width and height, rounded up.
+    const unsigned long long w = static_cast<unsigned long long>(camera.width);
+    const unsigned long long h = static_cast<unsigned long long>(camera.height);
+    return w * h + 2 * ((w + 1) / 2) * ((h + 1) / 2) <= segmentBytes;
+}
+
 bool parse(const QByteArray& body, QList<CameraAnnounce>& cameras)
 {
     cameras.clear();
     cJSON* root = oxa_json_parse(body.constData());
     if (root == nullptr)
         return false;
-    const cJSON* list = cJSON_GetObjectItemCaseSensitive(root, "memoryinfo");
+    const cJSON* list = cJSON_GetObjectItem(root, "memoryinfo");
     if (!cJSON_IsArray(list)) {
         cJSON_Delete(root);
         return false;

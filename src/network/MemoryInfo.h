@@ -6,7 +6,8 @@
 // The application's announcement of its camera frame buffers (type-9 body):
 //   {"memoryinfo":[{"shmid":..,"semid":..,"cameraid":..,"size":..,
 //                   "width":..,"height":..,"fps":..}, ...]}
-// Pure parsing: nothing is attached here.
+// Pure parsing: nothing is attached here. Keys are matched without regard
+// to case ("MemoryInfo", "ShmId" ...), as the application has always had them.
 struct CameraAnnounce
 {
     int shmid = -1;
@@ -29,6 +30,14 @@ namespace memoryinfo {
 // False when the body is not JSON or has no "memoryinfo" array; otherwise
 // every element, usable or not, in order.
 bool parse(const QByteArray& body, QList<CameraAnnounce>& cameras);
+
+// The largest frame side taken (8192 x 8192 frames at most).
+const int kMaxSide = 8192;
+
+// Whether the announced frames can be taken from a segment of
+// `segmentBytes`: neither side above kMaxSide, and a whole picture in the
+// layout the frames are copied in (I420) inside the segment.
+bool frameFits(const CameraAnnounce& camera, unsigned long long segmentBytes);
 
 // The decimal text of `prefix` followed by the camera number, read back as
 // an integer (camera 12 with prefix 100 gives 10012). False when that is not

@@ -72,6 +72,9 @@ NetWorkConsole::NetWorkConsole(QObject* parent, const QString& dbPath)
     failStore = new QEL_FailStore(dbPath, this);
     threadInfo->queue.setJournal(failStore);
 
+    // The application hears "/back/" once what its message queued is stored.
+    socketInline->setWhenStored([this](std::function<void()> done) { failStore->whenStored(std::move(done)); });
+
     auto* heart = static_cast<QEL_ItemHeartBeat*>(items[4]);
     connect(socketInfo, &QEL_BaseSocket::sigUp, heart, &QEL_ItemHeartBeat::onLinkUp);
 }
@@ -97,8 +100,16 @@ void NetWorkConsole::stop()
     threadInfo->shutdown();
     threadFile->shutdown();
     threadInline->shutdown();
-    imagePacker.stop();     // a look not made now is made at the next start
-    static_cast<QEL_ItemRunState*>(items[19])->stopMeasuring();
+    // What was answered is finished (archives deleted); a tar under way is
+    // ended and its partial archive removed, and a look not made now is
+    // made at the next start.
+    packerShell.stop();
+    imagePacker.finish();
+    // Run-state reports the application was told about and that are not
+    // queued yet are stored as they are.
+    const qint64 now = QDateTime::currentMSecsSinceEpoch();
+    for (const QString& request : static_cast<QEL_ItemRunState*>(items[19])->stopMeasuring())
+        failStore->keepText(request, now);
     static_cast<QEL_ItemVideo*>(items[9])->stopVideo();
     if (watcher != nullptr)
         watcher->stop();
@@ -207,6 +218,8 @@ void NetWorkConsole::sendInfoToInline(const QString& text)
         QMetaObject::invokeMethod(this, [this, text] { sendInfoToInline(text); }, Qt::QueuedConnection);
         return;
     }
+    if (stopped_)
+        return;     // the application link is closed for good
 
     // While the link is being brought up, texts wait here in order; the
     // attempt's outcome decides whether they are queued or dropped.

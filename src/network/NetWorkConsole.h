@@ -6,6 +6,7 @@
 #include <atomic>
 
 #include "JobRunner.h"
+#include "ShellCommand.h"
 #include "QEL_Inotify.h"
 #include "QEL_ItemHost.h"
 
@@ -72,6 +73,7 @@ public:
     QEL_FailStore* failStore = nullptr;
     QEL_Inotify* watcher = nullptr;         // the watcher SlotSysChange maps through; none by default
     JobRunner imagePacker;                  // listing, tar, mv and rm of the image items, in order
+    ShellCommand packerShell;               // the image packer's commands (a running tar ends at the stop)
     QEL_BaseItem* items[kItemCount] = {};
 
     std::atomic<bool> loggedIn{false};

@@ -3,6 +3,7 @@
 #include <sys/ipc.h>
 #include <sys/shm.h>
 
+#include <QTimer>
 #include <cstring>
 
 #include <glog/logging.h>
@@ -48,10 +49,39 @@ void QEL_SocketInline::SlotRecvData()
         const QByteArray chunk = read(kInlineReadBuffer);
         if (chunk.isEmpty())
             break;
-        gConsole->sendInfoToInline(appBack_.BackReply(SendType(0)));
         const int len = static_cast<int>(strnlen(chunk.constData(), static_cast<size_t>(chunk.size())));
-        ParsingAndSend(QString::fromUtf8(chunk.constData(), len));
+        ParsingAndSend(QString::fromUtf8(chunk.constData(), len), owedAcknowledgement());
     }
+}
+
+std::function<void()> QEL_SocketInline::owedAcknowledgement()
+{
+    const quint64 ack = ++lastAck_;
+    owed_.insert(ack);
+    QTimer::singleShot(kAckBoundMs, this, [this, ack] { acknowledge(ack, false); });
+    return [this, ack] {
+        if (!whenStored_) {
+            acknowledge(ack, true);
+            return;
+        }
+        whenStored_([this, ack] {
+            QMetaObject::invokeMethod(this, [this, ack] { acknowledge(ack, true); }, Qt::QueuedConnection);
+        });
+    };
+}
+
+void QEL_SocketInline::acknowledge(quint64 ack, bool stored)
+{
+    if (!owed_.remove(ack))
+        return;     // sent already
+    if (stored) {
+        unstoredEpisode_ = false;
+    } else if (!unstoredEpisode_) {
+        unstoredEpisode_ = true;
+        LOG(INFO) << "savefail:" << "(acknowledged, not yet stored: the failure history has not committed for "
+                  << kAckBoundMs / 1000 << " s; the request stays queued)";
+    }
+    gConsole->sendInfoToInline(appBack_.BackReply(SendType(0)));
 }
 
 int QEL_SocketInline::splitMessage(const QString& message, int& type, QString& body)
@@ -71,20 +101,26 @@ int QEL_SocketInline::splitMessage(const QString& message, int& type, QString& b
     return RET_OK;
 }
 
-int QEL_SocketInline::ParsingAndSend(const QString& message)
+int QEL_SocketInline::ParsingAndSend(const QString& message, const std::function<void()>& handled)
 {
     int type = 0;
     QString body;
     const int r = splitMessage(message, type, body);
-    if (r != RET_OK)
+    if (r != RET_OK) {
+        if (handled)
+            handled();
         return r;
+    }
 
     if (type == 9) {
         LOG(INFO) << "Inline:" << 9 << "(sharedMemory get ready)";
-        return OperaSharedMemory(body);
+        const int shared = OperaSharedMemory(body);
+        if (handled)
+            handled();
+        return shared;
     }
 
-    gConsole->items[type]->Item_fromApplication(body);
+    gConsole->items[type]->Item_fromApplication(body, handled);
     LOG(INFO) << "Inline:" << type << "(get info from application)";
     return RET_OK;
 }
@@ -122,6 +158,14 @@ bool QEL_SocketInline::attachCamera(const CameraAnnounce& camera, VideoPushInfo&
     shmid_ds info{};
     if (shmctl(shmid, IPC_STAT, &info) != 0 || info.shm_segsz < static_cast<size_t>(camera.size))
         return false;
+    if (!memoryinfo::frameFits(camera, info.shm_segsz)) {
+        // Every frame would be allocated at the announced size, whatever the
+        // segment really holds.
+        LOG(INFO) << "video:" << camera.cameraid << "(frames of " << camera.width << "x" << camera.height
+                  << " refused: larger than " << memoryinfo::kMaxSide << "x" << memoryinfo::kMaxSide
+                  << " or than the segment's " << info.shm_segsz << " bytes hold)";
+        return false;
+    }
     void* memory = shmat(shmid, nullptr, 0);
     if (memory == reinterpret_cast<void*>(-1))
         return false;

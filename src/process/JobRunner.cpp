@@ -24,6 +24,18 @@ void JobRunner::stop()
         worker_.join();
 }
 
+void JobRunner::finish()
+{
+    {
+        std::lock_guard<std::mutex> g(m_);
+        stopped_ = true;
+        quit_ = true;
+    }
+    cv_.notify_all();
+    if (worker_.joinable())
+        worker_.join();
+}
+
 void JobRunner::post(std::function<void()> job)
 {
     {

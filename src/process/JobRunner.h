@@ -18,8 +18,11 @@ public:
 
     void post(std::function<void()> job);
     // Drops the jobs not started yet, waits for the one running, and takes
-    // no more. (The destructor instead runs every job posted.)
+    // no more.
     void stop();
+    // Runs every job posted so far, then ends; takes no more. (The
+    // destructor does the same.)
+    void finish();
 
 private:
     void loop();

@@ -30,8 +30,9 @@ QVector<TarJob> planArchives(const QStringList& images, const QString& apppath, 
             continue;
         TarJob job;
         job.archive = archivePath(workDir, now(), i);
+        job.partial = job.archive + QStringLiteral(".part");
         job.members = pending;
-        job.command = QStringLiteral("tar -C %1 -zcf %2").arg(shellQuote(apppath), shellQuote(job.archive));
+        job.command = QStringLiteral("tar -C %1 -zcf %2").arg(shellQuote(apppath), shellQuote(job.partial));
         for (const QString& m : pending)
             job.command += QLatin1Char(' ') + shellQuote(m);
         jobs.append(job);
@@ -69,4 +70,30 @@ QDateTime parseTimeFile(const QByteArray& content, const QDateTime& fallback)
     bool ok = false;
     const qint64 ms = content.trimmed().toLongLong(&ok, 10);
     return ok ? QDateTime::fromMSecsSinceEpoch(ms) : fallback;
+}
+
+QByteArray packedListText(const QHash<QString, qint64>& packed)
+{
+    QStringList paths = packed.keys();
+    paths.sort();
+    QByteArray out;
+    for (const QString& path : paths)
+        out += QByteArray::number(packed.value(path)) + ' ' + path.toUtf8().toPercentEncoding() + '\n';
+    return out;
+}
+
+QHash<QString, qint64> parsePackedList(const QByteArray& text)
+{
+    QHash<QString, qint64> packed;
+    for (const QByteArray& line : text.split('\n')) {
+        const int space = line.indexOf(' ');
+        if (space <= 0)
+            continue;
+        bool ok = false;
+        const qint64 ms = line.left(space).toLongLong(&ok, 10);
+        const QByteArray path = QByteArray::fromPercentEncoding(line.mid(space + 1));
+        if (ok && !path.isEmpty())
+            packed.insert(QString::fromUtf8(path), ms);
+    }
+    return packed;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QDateTime>
+#include <QHash>
 #include <QString>
 #include <QStringList>
 #include <QVector>
@@ -22,8 +23,9 @@ QString archivePath(const QString& workDir, const QDateTime& when, int lastIndex
 
 struct TarJob
 {
-    QString archive;        // where tar writes it
-    QString command;        // the shell command that writes it
+    QString archive;        // the finished archive
+    QString partial;        // where tar writes it (renamed to `archive` once tar succeeded)
+    QString command;        // the shell command that writes `partial`
     QStringList members;    // "./" names, in order
 };
 
@@ -41,3 +43,10 @@ void parseTemplateCamDec(const QString& path, int& camera, int& detect);
 
 // The moment held by a time file's text, or `fallback` if it holds none.
 QDateTime parseTimeFile(const QByteArray& content, const QDateTime& fallback);
+
+// The images a look packed above its time file (path -> modification time,
+// epoch ms), as kept beside the time file: one "<ms> <percent-encoded path>"
+// line each, so that any file name fits on one line. Unreadable lines are
+// skipped.
+QByteArray packedListText(const QHash<QString, qint64>& packed);
+QHash<QString, qint64> parsePackedList(const QByteArray& text);

@@ -83,6 +83,28 @@ bool QEL_FailStore::flush(int ms)
     return doneCv_.wait_for(g, std::chrono::milliseconds(ms), [&] { return barriersDone_ >= mine; });
 }
 
+void QEL_FailStore::whenStored(std::function<void()> done)
+{
+    Op op{Op::Notify, 0, 0, QString(), {}, {}, 0};
+    op.notify = std::move(done);
+    submit(std::move(op));
+}
+
+void QEL_FailStore::reportUnstored(const std::deque<Op>& ops)
+{
+    int lost = 0;
+    for (const Op& op : ops)
+        if (op.kind == Op::Insert || op.kind == Op::Keep)
+            ++lost;
+    if (lost == 0)
+        return;
+    LOG(INFO) << "savefail:" << "(" << lost << " requests not yet stored could not be stored before the stop"
+              << " and are lost; their texts follow)";
+    for (const Op& op : ops)
+        if (op.kind == Op::Insert || op.kind == Op::Keep)
+            LOG(INFO) << "savefail:" << "(not stored: " << op.text.toUtf8().constData() << ")";
+}
+
 void QEL_FailStore::stop()
 {
     {
@@ -133,6 +155,7 @@ void QEL_FailStore::run()
                         pending_.push_front(std::move(*it));
                     batch.clear();
                     if (quit_ && ++stopRetries > kStopRetries) {
+                        reportUnstored(pending_);
                         pending_.clear();
                         break;
                     }
@@ -147,6 +170,9 @@ void QEL_FailStore::run()
                     runLoad(op);
                 } else if (op.kind == Op::Check) {
                     runCheck();
+                } else if (op.kind == Op::Notify) {
+                    if (op.notify)
+                        op.notify();
                 } else if (op.kind == Op::Barrier) {
                     std::lock_guard<std::mutex> g(m_);
                     // Whoever waited for the barrier reads the count next.

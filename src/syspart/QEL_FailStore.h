@@ -46,6 +46,9 @@ public:
     void check();
     // Waits until everything handed over so far is committed (at most `ms`).
     bool flush(int ms);
+    // Any thread: `done` runs on the store thread once everything handed
+    // over before this call is committed (not at all if that never happens).
+    void whenStored(std::function<void()> done);
     // Commits what is waiting and ends the thread.
     void stop();
 
@@ -58,14 +61,18 @@ protected:
 private:
     struct Op
     {
-        enum Kind { Insert, Delete, Keep, Load, Check, Barrier } kind;
+        enum Kind { Insert, Delete, Keep, Load, Check, Barrier, Notify } kind;
         quint64 id = 0;
         qint64 ms = 0;
         QString text;
         QEL_SendQueue::TypeOf typeOf;
         Loaded loaded;
         quint64 barrier = 0;
+        std::function<void()> notify = {};
     };
+    // At the stop: says in the log what could not be stored (the texts, so
+    // that nothing acknowledged disappears without a trace).
+    static void reportUnstored(const std::deque<Op>& ops);
 
     void submit(Op op);
     bool runBatch(const std::deque<Op>& batch);

@@ -77,27 +77,27 @@ void QEL_Inotify::Init()
 
 void QEL_Inotify::stop()
 {
-    if (!isRunning())
-        return;
+    // Before anything else: a run() that has not begun yet sees it at once.
+    stopAsked_ = true;
     running = false;
     const uint64_t one = 1;
     if (write(wakeFd_, &one, sizeof one) < 0) {
-        // The thread still ends at its next wake-up.
+        // The flag alone ends the thread at its next wake-up.
     }
     wait();
 }
 
 void QEL_Inotify::run()
 {
-    running = true;
+    running = !stopAsked_;
     bool quietSignalled = false;    // the first quiet second is announced too
     char buffer[kReadBytes];
-    while (running) {
+    while (!stopAsked_) {
         // Waits for events; after a second of quiet the batch is due. The
-        // second descriptor only ends the thread.
+        // second descriptor only ends the thread (it stays readable).
         pollfd fds[2] = {{fd, POLLIN, 0}, {wakeFd_, POLLIN, 0}};
         const int n = poll(fds, 2, quietSignalled ? -1 : kQuietMs);
-        if (!running)
+        if (stopAsked_ || (fds[1].revents & POLLIN))
             break;
         if (n < 0)
             continue;
@@ -128,6 +128,7 @@ void QEL_Inotify::run()
             at = next;
         }
     }
+    running = false;
     if (wd > 0)
         inotify_rm_watch(fd, wd);
 }

@@ -46,8 +46,9 @@ public:
     void addWatch(const QStringList& dirs);
     // Watches the two image items' directories and starts the thread.
     void Init();
-    // Ends the thread (it is blocked in read(); an inotify event or the
-    // closing of the descriptor wakes it).
+    // Ends the thread, whenever it is called: also right after start(),
+    // before run() has begun. The thread waits in poll(); the wake-up
+    // descriptor ends the wait.
     void stop();
 
     QStringList paths;
@@ -69,4 +70,5 @@ private:
     QList<watchinfo> pending_;
     QMutex* lock_;
     int wakeFd_ = -1;       // written by stop() so that a blocked wait returns
+    std::atomic<bool> stopAsked_{false};   // set by stop() only, never cleared
 };

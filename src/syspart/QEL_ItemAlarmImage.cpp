@@ -5,12 +5,12 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QMetaObject>
+#include <QSaveFile>
 #include <deque>
 
 #include <glog/logging.h>
 
 #include "CHttpEndpoints.h"
-#include "C_Shell.h"
 #include "ImagePacking.h"
 #include "NetWorkConsole.h"
 #include "QEL_BaseSocket.h"
@@ -21,6 +21,8 @@
 
 namespace {
 const char* const kTimeFile = "time.txt";
+// Beside the time file: what the last looks packed above it.
+const char* const kPackedFile = "time.packed";
 const char* const kDefaultMoment = "1970-11-12 13:14:15";
 const int kWriteWaitMs = 30000;
 // The kernel stamps files with a coarse clock that may lag ours by a tick:
@@ -37,21 +39,28 @@ QDateTime defaultMoment()
     return QDateTime::fromString(kDefaultMoment, "yyyy-MM-dd hh:mm:ss");
 }
 
-void runShell(const QString& command)
+// Replaces `path` whole or not at all: a crash leaves the old content or
+// the new, never a mix.
+void writeAtomically(const QString& path, const QByteArray& content)
 {
-    QStringList out;
-    C_Shell(nullptr, command, out);
+    QSaveFile file(path);
+    if (file.open(QIODevice::WriteOnly)) {
+        file.write(content);
+        file.commit();
+    }
 }
 }  // namespace
 
 QEL_ItemAlarmImage::QEL_ItemAlarmImage(QObject* parent)
-    : QEL_ItemAlarmImage(parent, 5, "qel_alarmimage/", new CHttp_Alarmimage)
+    : QEL_ItemAlarmImage(parent, 5, "qel_alarmimage/", new CHttp_Alarmimage, 10)
 {
 }
 
-QEL_ItemAlarmImage::QEL_ItemAlarmImage(QObject* parent, int type, const QString& subDir, CHttpBase* builder)
+QEL_ItemAlarmImage::QEL_ItemAlarmImage(QObject* parent, int type, const QString& subDir, CHttpBase* builder,
+                                       int perArchive)
     : QEL_BaseItem(parent)
     , subDir_(subDir)
+    , perArchive_(perArchive)
 {
     http = builder;
     number = type;
@@ -64,6 +73,7 @@ RetError QEL_ItemAlarmImage::Item_Init()
     socket = gConsole->socketFile;
     thread = gConsole->threadFile;
     packer_ = &gConsole->imagePacker;
+    shell_ = &gConsole->packerShell;
     workList = imageDirs();
     // Start-up does not wait for the packing.
     packer_->post([this] { look(true); });
@@ -82,9 +92,11 @@ RetError QEL_ItemAlarmImage::Item_pickInfo(const QString&, QString&)
     return RET_NOTHING;     // images are found on disk, never built from a text
 }
 
-void QEL_ItemAlarmImage::Item_fromApplication(const QString&)
+void QEL_ItemAlarmImage::Item_fromApplication(const QString&, const Handled& handled)
 {
     Item_ReInit();
+    if (handled)
+        handled();      // the images themselves are on disk already
 }
 
 void QEL_ItemAlarmImage::ParseToCamDec(const QString& path, int& camera, int& detect)
@@ -108,8 +120,20 @@ QStringList QEL_ItemAlarmImage::imageDirs() const
 
 // ---- packer thread ----------------------------------------------------------
 
+void QEL_ItemAlarmImage::runShell(const QString& command)
+{
+    shell_->run(command.toStdString(), ShellCommand::OnStop::Finish);
+}
+
+QString QEL_ItemAlarmImage::packedFile() const
+{
+    return workDir() + kPackedFile;
+}
+
 void QEL_ItemAlarmImage::look(bool atStart)
 {
+    if (shell_->stopping())
+        return;     // the next start looks
     if (atStart) {
         QStringList dirs;
         Item_CheckDir(dirs);
@@ -117,6 +141,9 @@ void QEL_ItemAlarmImage::look(bool atStart)
         Item_ResendPolicy(kept);
         // Failed archives go before anything new, in the order found.
         thread->queue.append(kept);
+        QFile packed(packedFile());
+        if (packed.open(QIODevice::ReadOnly))
+            recent_ = parsePackedList(packed.readAll());
     }
     QDateTime since;
     if (!atStart && gConsole->secondState)
@@ -126,20 +153,10 @@ void QEL_ItemAlarmImage::look(bool atStart)
     const QDateTime listedAt = QDateTime::currentDateTimeUtc();
     QStringList files;
     Item_GetSendFileList(since, workList, files);
-    if (!files.isEmpty()) {
-        // The time file this look writes lies kClockSlackMs before the
-        // listing began: whatever it packs above that line, the next look
-        // sees again and must leave alone.
-        const qint64 mark = listedAt.toMSecsSinceEpoch() - kClockSlackMs;
-        QHash<QString, qint64> recent;
-        for (auto it = listedTimes_.cbegin(); it != listedTimes_.cend(); ++it)
-            if (it.value() > mark)
-                recent.insert(it.key(), it.value());
-        recent_ = recent;
+    if (!files.isEmpty())
         packAndQueue(files, listedAt);
-    } else if (!thread->queue.isEmpty()) {
+    else if (!thread->queue.isEmpty())
         askToSend();
-    }
 }
 
 void QEL_ItemAlarmImage::Item_CheckDir(QStringList& out)
@@ -152,6 +169,11 @@ void QEL_ItemAlarmImage::Item_CheckDir(QStringList& out)
     // The failure directory first: leftovers are moved into it.
     oxa_dir_create(failDir.toUtf8().constData(), "");
     const QDir work(workDir());
+    if (work.exists() && !work.entryList(QStringList() << "*.tar.gz.part", QDir::Files).isEmpty()) {
+        // Archives a stopped run did not finish writing: their images are
+        // above the time file and packed again.
+        runShell(QString("rm -f %1*.tar.gz.part").arg(shellQuote(workDir())));
+    }
     if (work.exists() && !work.entryList(QStringList() << "*.tar.gz", QDir::Files).isEmpty()) {
         // Archives of an earlier run that never got their answer.
         runShell(QString("mv %1*.tar.gz %2").arg(shellQuote(workDir()), shellQuote(failDir)));
@@ -172,18 +194,24 @@ void QEL_ItemAlarmImage::Item_ResendPolicy(QStringList& queue)
     }
 }
 
+qint64 QEL_ItemAlarmImage::timeMarkMs() const
+{
+    QFile file(workDir() + kTimeFile);
+    const QDateTime fallback = defaultMoment();
+    if (!file.open(QIODevice::ReadOnly))
+        return fallback.toMSecsSinceEpoch();
+    return parseTimeFile(file.readAll(), fallback).toMSecsSinceEpoch();
+}
+
 void QEL_ItemAlarmImage::Item_GetTimeFile(QDateTime& t)
 {
-    t = defaultMoment();
-    QFile file(workDir() + kTimeFile);
-    if (!file.open(QIODevice::ReadOnly))
-        return;
-    t = parseTimeFile(file.readAll(), t);
+    t = QDateTime::fromMSecsSinceEpoch(timeMarkMs());
     const QDateTime now = QDateTime::currentDateTime();
     if (t > now) {
-        // A time file from the future would hide every image until then.
+        // A time file from the future would hide every image until then:
+        // the one time it is set back.
         t = now;
-        Item_MakeTimeFile(t);
+        writeAtomically(workDir() + kTimeFile, QByteArray::number(t.toMSecsSinceEpoch()) + "\n");
     }
 }
 
@@ -208,27 +236,51 @@ void QEL_ItemAlarmImage::Item_GetSendFileList(const QDateTime& t, const QStringL
 
 void QEL_ItemAlarmImage::Item_MakeTimeFile(const QDateTime& t)
 {
-    QFile file(workDir() + kTimeFile);
-    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        file.write(QByteArray::number(t.toMSecsSinceEpoch()) + "\n");
+    // Only ever forward: a look that finished late must not undo a later one.
+    const qint64 ms = qMax(t.toMSecsSinceEpoch(), timeMarkMs());
+    writeAtomically(workDir() + kTimeFile, QByteArray::number(ms) + "\n");
 }
 
 RetError QEL_ItemAlarmImage::Item_PickTar(const QStringList& files, QStringList& tars)
 {
-    return packInto(files, tars, 10);
+    return packInto(files, tars, perArchive_);
 }
 
 RetError QEL_ItemAlarmImage::packInto(const QStringList& files, QStringList& tars, int perArchive)
 {
     if (files.isEmpty())
         return RET_MALFORMED;
+    tars.append(pack(files, perArchive).tars);
+    return RET_OK;
+}
+
+QEL_ItemAlarmImage::Packed QEL_ItemAlarmImage::pack(const QStringList& files, int perArchive)
+{
+    Packed out;
     const QVector<TarJob> jobs = planArchives(files, gConfig->apppath, workDir(), perArchive,
                                               [] { return QDateTime::currentDateTime(); });
-    for (const TarJob& job : jobs)
-        runShell(job.command);
-    for (const TarJob& job : jobs)
-        tars.append(job.archive);
-    return RET_OK;
+    int first = 0;
+    for (const TarJob& job : jobs) {
+        const QStringList images = files.mid(first, job.members.size());
+        first += job.members.size();
+        // Written under another name and renamed once complete: an archive
+        // under its real name is always whole.
+        const QString command =
+            job.command + QString(" && mv -f %1 %2").arg(shellQuote(job.partial), shellQuote(job.archive));
+        const ShellCommand::Result r = shell_->run(command.toStdString(), ShellCommand::OnStop::Kill);
+        if (r.ok()) {
+            out.tars << job.archive;
+            out.images << images;
+            continue;
+        }
+        out.complete = false;
+        if (r.status >= 0)
+            LOG(INFO) << "pack:" << number << "(tar failed with status " << r.status << ": "
+                      << job.archive.toUtf8().constData() << " removed, its " << images.size()
+                      << " images are left for the next look)";
+        runShell(QString("rm -f %1").arg(shellQuote(job.partial)));
+    }
+    return out;
 }
 
 RetError QEL_ItemAlarmImage::Item_addToSendQueue(const QStringList& files)
@@ -242,16 +294,38 @@ RetError QEL_ItemAlarmImage::Item_addToSendQueue(const QStringList& files)
 
 void QEL_ItemAlarmImage::packAndQueue(const QStringList& files, const QDateTime& listedAt)
 {
-    QStringList tars;
-    if (Item_PickTar(files, tars) != RET_OK)
+    if (files.isEmpty())
         return;
+    const Packed packed = pack(files, perArchive_);
     // The time file says when the listing began (a little before, for the
     // coarse file clock): an image written since then is newer and found by
-    // the next look, whatever packing and uploading cost meanwhile.
-    const QDateTime mark = listedAt.addMSecs(-kClockSlackMs);
-    lastListedMs_ = mark.toMSecsSinceEpoch();
-    Item_MakeTimeFile(mark);
-    thread->queue.append(tars);
+    // the next look, whatever packing and uploading cost meanwhile. It stays
+    // where it was when an archive could not be made, so that its images
+    // are found again.
+    const qint64 before = timeMarkMs();
+    const qint64 mark = packed.complete ? qMax(before, listedAt.toMSecsSinceEpoch() - kClockSlackMs) : before;
+
+    // What was packed above the old line is written down first: whichever
+    // of the two files a crash leaves behind, no image goes twice.
+    QHash<QString, qint64> above;
+    for (auto it = recent_.cbegin(); it != recent_.cend(); ++it)
+        if (it.value() > before)
+            above.insert(it.key(), it.value());
+    for (const QString& image : packed.images) {
+        const qint64 modified = listedTimes_.contains(image)
+            ? listedTimes_.value(image)
+            : QFileInfo(image).lastModified().toUTC().toMSecsSinceEpoch();
+        if (modified > before)
+            above.insert(image, modified);
+    }
+    writeAtomically(packedFile(), packedListText(above));
+    Item_MakeTimeFile(QDateTime::fromMSecsSinceEpoch(mark));
+    recent_.clear();
+    for (auto it = above.cbegin(); it != above.cend(); ++it)
+        if (it.value() > mark)
+            recent_.insert(it.key(), it.value());
+
+    thread->queue.append(packed.tars);
     askToSend();
 }
 
@@ -320,10 +394,13 @@ bool QEL_ItemAlarmImage::streamFile(QFile& file)
         ok = inFlight.front().wait(kWriteWaitMs) == QEL_BaseSocket::WriteResult::Written && ok;
         inFlight.pop_front();
     }
+    if (!ok) {
+        // Part of the body may be on the wire: whatever is written next on
+        // this connection would land inside it.
+        socket->abortAndReconnect();
+    }
     if (locked)
         socket->socket_unlock();
-    if (!ok)
-        socket->connected = false;
     return ok;
 }
 
@@ -347,12 +424,9 @@ RetError QEL_ItemAlarmImage::Item_NetRecvOperate(const QString& reply)
     if (success) {
         QEL_QueuedRequest sent;
         if (thread->queue.acknowledge(number, &sent)) {
-            const qint64 mark = lastListedMs_;
-            packer_->post([this, sent, mark] {
-                runShell(QString("rm -f %1").arg(shellQuote(sent.text)));
-                if (mark > 0)
-                    Item_MakeTimeFile(QDateTime::fromMSecsSinceEpoch(mark));
-            });
+            // The time file is the packer's alone (it says what was packed,
+            // not what was answered).
+            packer_->post([this, sent] { runShell(QString("rm -f %1").arg(shellQuote(sent.text))); });
         }
         thread->goThrough();
         Item_CloseSocket();
@@ -368,7 +442,7 @@ RetError QEL_ItemAlarmImage::Item_NetRecvOperate(const QString& reply)
 // ---- templates ----------------------------------------------------------------
 
 QEL_ItemTemplate::QEL_ItemTemplate(QObject* parent)
-    : QEL_ItemAlarmImage(parent, 6, "qel_tempimage/", new CHttp_TempImage)
+    : QEL_ItemAlarmImage(parent, 6, "qel_tempimage/", new CHttp_TempImage, 1)
 {
 }
 

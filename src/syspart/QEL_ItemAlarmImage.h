@@ -3,9 +3,9 @@
 #include <QDateTime>
 #include <QHash>
 #include <QStringList>
-#include <atomic>
 
 #include "JobRunner.h"
+#include "ShellCommand.h"
 #include "QEL_BaseItem.h"
 
 // Alarm-image (5) and template (6) archive uploads on the FILE connection.
@@ -33,7 +33,7 @@ public:
     RetError Item_pickInfo(const QString& info, QString& out) override;
     // An application message of this type means "new images are there":
     // look now. Its body says nothing more.
-    void Item_fromApplication(const QString& body) override;
+    void Item_fromApplication(const QString& body, const Handled& handled) override;
     RetError Item_NetRecvOperate(const QString& reply) override;
     void ParseToCamDec(const QString& path, int& camera, int& detect) override;
     // Any thread: packs `files` and queues the archives (on the packer).
@@ -60,28 +60,46 @@ public:
     static const int kChunkBytes = 16384;
 
 protected:
-    QEL_ItemAlarmImage(QObject* parent, int type, const QString& subDir, CHttpBase* builder);
+    QEL_ItemAlarmImage(QObject* parent, int type, const QString& subDir, CHttpBase* builder, int perArchive);
     // Packer thread: the images of `tars`' archives, packed `perArchive` at a time.
     RetError packInto(const QStringList& files, QStringList& tars, int perArchive);
 
 private:
+    struct Packed
+    {
+        QStringList tars;       // archives made, in order
+        QStringList images;     // the images they hold
+        bool complete = true;   // every image went into an archive
+    };
+
     // Packer thread: one look at the directories (at start-up: also the
-    // leftovers and the failed archives).
+    // leftovers, the failed archives and what the last run packed).
     void look(bool atStart);
     void packAndQueue(const QStringList& files, const QDateTime& listedAt);
+    // Runs tar for each archive; a tar that fails (full disk, killed by the
+    // stop) leaves no archive behind and its images for the next look.
+    Packed pack(const QStringList& files, int perArchive);
     void askToSend();
     // Writes the request head and the archive; false if the link failed.
     bool streamFile(class QFile& file);
+    // Any thread: one shell command that the stop lets finish (mv, rm).
+    void runShell(const QString& command);
+
+    // The time file's mark in epoch ms (the default moment when it has none).
+    qint64 timeMarkMs() const;
+    QString packedFile() const;
 
     QString subDir_;
+    int perArchive_;
     JobRunner* packer_ = nullptr;
-    // Packer thread only: images packed by the last look whose times lie
-    // above the time file it wrote (which is set a little into the past, for
-    // the coarse file clock), so that the next look does not pack them twice.
+    ShellCommand* shell_ = nullptr;
+    // Packer thread only: images packed whose times lie above the time file
+    // (which is set a little into the past, for the coarse file clock), so
+    // that no later look, in this run or after a restart, packs them again.
+    // Kept on disk beside the time file.
     QHash<QString, qint64> recent_;
     // Packer thread only: the times of the images the last listing found.
     QHash<QString, qint64> listedTimes_;
-    std::atomic<qint64> lastListedMs_{0};
 };
 
 class QEL_ItemTemplate : public QEL_ItemAlarmImage

@@ -116,7 +116,7 @@ void QEL_ItemVideoThreadCopy::run()
                 LOG(INFO) << "send video: " << "cur=" << i << " " << (copied % 86400000) / 1000 << "." << copied % 1000;
             // Every camera's frame of this pass carries the pass's slot time,
             // however long the cameras before it took.
-            push.mux->mux()->PostImgBuffer(push.sharedMemory, push.size, static_cast<long>(slotMs), CMux::kI420);
+            push.mux->mux()->PostImgBuffer(push.sharedMemory, push.size, static_cast<int64_t>(slotMs), CMux::kI420);
             push.semaphore->V_sem();
         }
     }
@@ -145,10 +145,12 @@ RetError QEL_ItemVideo::Item_Init()
     return RET_OK;
 }
 
-void QEL_ItemVideo::Item_fromApplication(const QString&)
+void QEL_ItemVideo::Item_fromApplication(const QString&, const Handled& handled)
 {
     // The application announces video with its own message type, handled
     // by the application link; there is nothing to send for item 9.
+    if (handled)
+        handled();
 }
 
 MuxThread* QEL_ItemVideo::CreateMux(int cameraid, int width, int height, int bit_rate, int fps_)

@@ -64,7 +64,7 @@ public:
     ~QEL_ItemVideo() override;
 
     RetError Item_Init() override;
-    void Item_fromApplication(const QString& body) override;
+    void Item_fromApplication(const QString& body, const Handled& handled) override;
 
     // Main thread. A push thread for one camera, started and unpaused.
     MuxThread* CreateMux(int cameraid, int width, int height, int bit_rate, int fps);

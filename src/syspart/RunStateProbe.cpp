@@ -11,6 +11,7 @@
 
 #include <cmath>
 
+#include "ShellCommand.h"
 #include "oxa_cmd.h"
 
 namespace {
@@ -103,12 +104,15 @@ long long readUptimeSeconds(const QString& path)
     return static_cast<long long>(seconds);
 }
 
-RunStateSample measureRunState()
+RunStateSample measureRunState(ShellCommand* shell)
 {
     const long long uptime = readUptimeSeconds();
     // Bounded in wall time: a top that hangs (a stuck /proc read) is killed,
-    // and the reports after it are measured as usual.
-    RunStateSample s = parseTopOutput(QString::fromStdString(oxa_cmd("timeout -k 1 5 top -bn 1 -i")));
+    // and the reports after it are measured as usual. Run through `shell`,
+    // the orderly stop ends it at once (the load is then unknown).
+    const char* const top = "timeout -k 1 5 top -bn 1 -i";
+    const std::string out = shell != nullptr ? shell->run(top, ShellCommand::OnStop::Kill, true).output : oxa_cmd(top);
+    RunStateSample s = parseTopOutput(QString::fromStdString(out));
     s.nearstart = uptime;
     return s;
 }

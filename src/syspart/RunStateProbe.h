@@ -1,5 +1,7 @@
 #pragma once
 
+class ShellCommand;
+
 #include <QString>
 
 // The host measurements that the run-state report adds to the application's
@@ -22,7 +24,7 @@ long long readUptimeSeconds(const QString& path = QStringLiteral("/proc/uptime")
 
 // Runs "top -bn 1 -i" and reads /proc/uptime. Blocks until top has ended:
 // call it off the main thread.
-RunStateSample measureRunState();
+RunStateSample measureRunState(ShellCommand* shell = nullptr);
 
 // Parses appJson (UTF-8) as a JSON object; returns false and leaves `out`
 // alone unless it is one. Otherwise appends "cpu", "memory" and "nearstart"

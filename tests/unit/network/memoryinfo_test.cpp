@@ -27,6 +27,7 @@ TEST(MemoryInfo, ElementsAreUsableOnlyWhenCompleteAndInRange)
         {"negative camera", R"({"shmid":5,"semid":6,"cameraid":-1,"size":10,"width":2,"height":2,"fps":20})", false},
         {"beyond int", R"({"shmid":5e20,"semid":6,"cameraid":1,"size":10,"width":2,"height":2,"fps":20})", false},
         {"not an object", "7", false},
+        {"keys in any case", R"({"ShmId":5,"SEMID":6,"cameraId":1,"Size":10,"Width":2,"Height":2,"FPS":20})", true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -50,6 +51,34 @@ TEST(MemoryInfo, ElementsAreUsableOnlyWhenCompleteAndInRange)
     }
     ASSERT_TRUE(memoryinfo::parse(QByteArray("{\"memoryinfo\":[]}"), cameras));
     EXPECT_TRUE(cameras.isEmpty());
+    ASSERT_TRUE(memoryinfo::parse(QByteArray("{\"MemoryInfo\":[") + good + "]}", cameras));
+    EXPECT_EQ(cameras.size(), 1);
+}
+
+TEST(MemoryInfo, FramesMustFitTheSideLimitAndTheSegment)
+{
+    const struct
+    {
+        int width, height;
+        unsigned long long segment;
+        bool fits;
+    } cases[] = {
+        {1280, 1024, 1966080, true},            // exactly one I420 picture
+        {1280, 1024, 1966079, false},
+        {3, 3, 9 + 2 * 4, true},                // odd sides round the chroma planes up
+        {3, 3, 9 + 2 * 4 - 1, false},
+        {8192, 8192, 1ULL << 40, true},
+        {8193, 2, 1ULL << 40, false},
+        {2, 8193, 1ULL << 40, false},
+        {16000, 16000, 4096, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height));
+        CameraAnnounce camera;
+        camera.width = c.width;
+        camera.height = c.height;
+        EXPECT_EQ(memoryinfo::frameFits(camera, c.segment), c.fits);
+    }
 }
 
 TEST(MemoryInfo, ProjectNumbersAreDecimalConcatenations)

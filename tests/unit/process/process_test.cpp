@@ -3,6 +3,7 @@
 #include <QStringList>
 
 #include <atomic>
+#include <chrono>
 #include <string>
 #include <thread>
 #include <utility>
@@ -11,6 +12,7 @@
 #include "CDebug.h"
 #include "C_Process.h"
 #include "C_Shell.h"
+#include "ShellCommand.h"
 #include "oxa_cmd.h"
 
 namespace {
@@ -62,6 +64,41 @@ TEST(CShell, SplitsOutputIntoLines)
         C_Shell shell(nullptr, QString::fromUtf8(command), out);
         EXPECT_EQ(out, expected) << command;
     }
+}
+
+TEST(ShellCommand, StatusOutputAndTheStop)
+{
+    ShellCommand shell;
+    const struct
+    {
+        const char* command;
+        int status;
+        const char* output;
+    } cases[] = {
+        {"printf 'a b'", 0, "a b"},
+        {"exit 3", 3, ""},
+        {"kill -9 $$", 128 + 9, ""},
+        {"/no/such/program 2>/dev/null", 127, ""},
+    };
+    for (const auto& c : cases) {
+        const ShellCommand::Result r = shell.run(c.command, ShellCommand::OnStop::Kill, true);
+        EXPECT_EQ(r.status, c.status) << c.command;
+        EXPECT_EQ(r.output, c.output) << c.command;
+    }
+
+    // The stop ends a long command with everything it started, and runs no
+    // further one of its kind; a command that must finish still runs.
+    std::thread stopper([&shell] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        shell.stop();
+    });
+    const auto t0 = std::chrono::steady_clock::now();
+    const ShellCommand::Result killed = shell.run("sleep 30 | sleep 30", ShellCommand::OnStop::Kill);
+    stopper.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(10));
+    EXPECT_EQ(killed.status, 128 + 9);
+    EXPECT_EQ(shell.run("true", ShellCommand::OnStop::Kill).status, -1);
+    EXPECT_EQ(shell.run("exit 4", ShellCommand::OnStop::Finish).status, 4);
 }
 
 // Each chunk of output replaces the previous one; text ends at a zero byte.

@@ -57,7 +57,7 @@ TEST(ImagePacking, TarCommandNamesTheRootTheArchiveAndTheMembers)
     const QVector<TarJob> jobs = planArchives(images(2), "/aoi/", "/work/", 10, fixedNow);
     ASSERT_EQ(jobs.size(), 1);
     EXPECT_EQ(jobs[0].command,
-              "tar -C '/aoi/' -zcf '/work/Tar_20261122080910011_1.tar.gz' "
+              "tar -C '/aoi/' -zcf '/work/Tar_20261122080910011_1.tar.gz.part' "
               "'./alarmimage/camera1/detect2/NG/0.jpg' './alarmimage/camera1/detect2/NG/1.jpg'");
 }
 
@@ -119,6 +119,16 @@ TEST(ImagePacking, TimeFileContent)
     EXPECT_EQ(parseTimeFile("1795335870955\n", fallback).toMSecsSinceEpoch(), 1795335870955LL);
     EXPECT_EQ(parseTimeFile("", fallback), fallback);
     EXPECT_EQ(parseTimeFile("soon", fallback), fallback);
+
+    // What a look packed above its time file survives a restart, whatever the names.
+    QHash<QString, qint64> packed;
+    const char* names[] = {"/a/plain.jpg", "/a/with space.jpg", "/a/line\nbreak.jpg", "/a/100%.jpg", "/a/图像.jpg"};
+    qint64 ms = 1795335870955LL;
+    for (const char* name : names)
+        packed.insert(QString::fromUtf8(name), ms++);
+    EXPECT_EQ(parsePackedList(packedListText(packed)), packed);
+    EXPECT_EQ(parsePackedList("garbage\n12\nx /a.jpg\n7 %2Fb.jpg\n").value("/b.jpg", -1), 7);
+    EXPECT_EQ(parsePackedList("garbage\n12\nx /a.jpg\n7 %2Fb.jpg\n").size(), 1);
 }
 
 }  // namespace

@@ -64,6 +64,15 @@ TEST(Inotify, QuietSpellsBatchChangesOnceEachAndMapThemToTheirDirectory)
     EXPECT_EQ(later[0][0].getTriFilePath(watcher.paths), dirs[1] + "later.jpg");
     watcher.stop();
     EXPECT_FALSE(watcher.isRunning());
+
+    // A stop right after the start, before the thread has begun, ends it
+    // too (it used to be undone by the starting thread, which then spun).
+    for (int i = 0; i < 50; ++i) {
+        QEL_Inotify quick;
+        quick.start();
+        quick.stop();
+        EXPECT_FALSE(quick.isRunning());
+    }
 }
 
 TEST(Inotify, UnknownDescriptorsMapToNothingAndFoldingKeepsFirstOccurrences)
