@@ -390,14 +390,17 @@ bool QEL_ItemAlarmImage::streamFile(QFile& file)
             inFlight.pop_front();
         }
     }
+    if (!ok) {
+        // Part of the body may be on the wire: whatever is written next on
+        // this connection would land inside it. Closing it also ends the
+        // waits for the pieces still on their way.
+        LOG(INFO) << "send:" << number << "(archive not written within " << kWriteWaitMs / 1000
+                  << " s or link lost: connection closed)";
+        socket->abortAndReconnect();
+    }
     while (!inFlight.empty()) {
         ok = inFlight.front().wait(kWriteWaitMs) == QEL_BaseSocket::WriteResult::Written && ok;
         inFlight.pop_front();
-    }
-    if (!ok) {
-        // Part of the body may be on the wire: whatever is written next on
-        // this connection would land inside it.
-        socket->abortAndReconnect();
     }
     if (locked)
         socket->socket_unlock();

@@ -5,6 +5,7 @@ each undelivered request once."""
 import collections
 import os
 import random
+import sqlite3
 import threading
 import time
 import unittest
@@ -110,6 +111,57 @@ class KillUnderTraffic(RuntimeCase):
         # only the request in flight at the kill may go twice
         self.assertLessEqual(len(twice), 1, (twice, note))
         self.assertTrue(all(n == 2 for n in twice.values()), (twice, note))
+        self.assert_clean(ag)
+
+
+class AcknowledgedMeansStored(RuntimeCase):
+
+    def test_acknowledgement_waits_for_the_commit_within_its_bound(self):
+        """Another process holds the database while the server is silent:
+        "/back/" comes once the messages are committed, and a kill -9 right
+        after it loses nothing; a hold longer than 2 s gets the
+        acknowledgement anyway, said once in the log."""
+        srv, app, ag = self.start_all()
+        srv.silent()
+        kept_bodies = []
+        rows = [(0.8, True), (3.0, False)]     # (hold in s, acknowledged only after the release)
+        for run, (hold, after_release) in enumerate(rows):
+            with self.subTest(hold=hold):
+                if run:
+                    ag = self.restart()
+                    app.wait_connected(10, count=app.connection_count() + 1)
+                bodies = ['{"held":%d,"n":%d}' % (run, i) for i in range(3)]
+                lock = sqlite3.connect(self.db, timeout=5, isolation_level=None)
+                lock.execute("BEGIN EXCLUSIVE")
+                held_at = time.time()
+                mark = app.mark()
+                for body in bodies:
+                    app.send(7, body)
+                time.sleep(hold)
+                released_at = time.time()
+                lock.execute("COMMIT")
+                lock.close()
+                notices = app.wait_notice("back", since=mark, count=len(bodies), timeout=5)
+                ag.kill9()
+                acked_at = [n["time"] for n in notices]
+                unstored = ag.log_text().count("not yet stored")
+                if after_release:
+                    self.assertEqual(unstored, 0)
+                    self.assertGreaterEqual(min(acked_at), released_at - 0.05, "acknowledged before the commit")
+                else:
+                    self.assertEqual(unstored, 1, "said once per episode")
+                    self.assertLess(max(acked_at) - held_at, hold - 0.5, "held up beyond the bound")
+                self.assert_quiet(ag)
+                if after_release:
+                    kept = {t for _, t in read_failhistory(self.db)}
+                    lost = [b for b in bodies if request_text(STATS, 7, b, self.info_port) not in kept]
+                    self.assertEqual(lost, [], "acknowledged, then lost to kill -9")
+                    kept_bodies += bodies
+        srv.normal()
+        ag = self.restart()
+        self.wait_until(lambda: set(kept_bodies) <= {r["body"] for r in srv.requests(path=STATS)}, 20,
+                        "the kept messages delivered")
+        self.wait_until(lambda: read_failhistory(self.db) == [], 20, "failure history emptied")
         self.assert_clean(ag)
 
 

@@ -7,6 +7,7 @@ import datetime
 import hashlib
 import os
 import shutil
+import subprocess
 import time
 import unittest
 
@@ -491,6 +492,141 @@ class WhileTarRuns(ImageTestCase):
         self.assertEqual([r["body"] for r in got], bodies)
         self.wait_uploaded(images, timeout=60)
         self.assert_uploaded_once(images)
+        self.assert_clean()
+
+
+class UploadFaults(ImageTestCase):
+    """File servers that stall, answer late or refuse, disks that fill up, and
+    restarts at awkward moments: every image reaches the server once."""
+
+    def test_a_stalled_upload_costs_its_connection_not_the_queue(self):
+        # the first connection stops reading after its first kilobyte; later ones read at full speed
+        images = self.write(ALARM, count=12, size=1024 * 1024, prefix="stalled", age=AGED)
+        srv, app, ag = self.start_all(before_start=lambda s: s.throttle(0.001, port="file"))
+        self.wait_until(lambda: self.sent_archive_paths(ag) and srv.open_connections(port="file"), 30,
+                        "an upload under way")
+        time.sleep(2)       # its first kilobyte read: the connection sleeps for good
+        srv.throttle(0, port="file")
+        self.wait_uploaded(images, timeout=90)
+        self.wait_file_quiet(quiet=1.0, limit=30)
+        # the stalled connection was given up and the archive sent again on a new one
+        self.assertIn("send:5(archive not written within 30 s or link lost: connection closed)", ag.log_text())
+        self.assertGreaterEqual(len(srv.connections(port="file")), 2)
+        # one failed send per stall, not a retry loop (it used to log 20 a second)
+        self.assertLessEqual(ag.log_text().count("ERR_NetNoConnect"), 2)
+        self.assert_uploaded_once(images)
+        self.assert_contents()
+        self.wait_no_archives_left()
+        self.assert_clean()
+
+    def test_a_late_answer_is_never_taken_for_the_next_archive(self):
+        images = self.write(ALARM, count=11, prefix="late", age=AGED)
+
+        def setup(s):
+            # Newest rule first: the ten-image archive's first answer comes after the
+            # 30 s wait, its second after 2 s; the one-image archive is refused after 3 s.
+            # A late answer taken for the request in flight would delete the refused one.
+            s.set_reply(lambda r: {"code": 1 if len(r.get("archive") or []) == 1 else 0}, delay_ms=3000,
+                        port="file")
+            s.set_reply({"code": 0}, times=1, delay_ms=2000, port="file")
+            s.set_reply({"code": 0}, times=1, delay_ms=31000, port="file")
+        srv, app, ag = self.start_all(before_start=setup)
+        refused = self.wait_until(lambda: self.archives_in(self.faildir(ALARM)), 70, "the refused archive kept")
+        self.wait_file_quiet(quiet=5.0, limit=20)
+        self.assertEqual(len(refused), 1)
+        ag.wait_log(r"send:5\(no answer within 30 s: connection closed\)")
+        self.assertEqual(self.archives_in(self.workdir(ALARM)), [])
+        # the ten-image archive went twice (its first answer never counted), the refused one once
+        self.assertEqual(sorted(len(r["archive"]) for r in srv.archives()), [1, 10, 10])
+        self.assert_clean()
+
+    def test_a_failed_tar_leaves_its_images_for_the_next_look(self):
+        work = self.workdir(ALARM)
+        os.makedirs(work)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k", "qel-full", work], check=True)
+        self._mounts.append(work)
+        srv, app, ag = self.start_all()
+        images = self.write(ALARM, count=5, size=100 * 1024, prefix="full")
+        time.sleep(SETTLE)
+        app.send(ALARM, "")
+        ag.wait_log(r"pack:5\(tar failed with status \d+: .* removed, its 5 images are left for the next look\)")
+        time.sleep(1)
+        self.assertEqual(srv.requests(port="file"), [])
+        self.assertFalse([n for n in os.listdir(work) if "Tar_" in n], "a partial archive was left")
+        subprocess.run(["mount", "-o", "remount,size=16m", work], check=True)
+        app.send(ALARM, "")
+        self.wait_uploaded(images, timeout=20)
+        time.sleep(SETTLE)
+        self.fence(ALARM)
+        self.wait_file_quiet(quiet=0.5)
+        self.assert_uploaded_once(images)
+        self.assert_contents()
+        self.assert_clean()
+
+    def test_an_answer_during_a_long_tar_never_sets_the_time_file_back(self):
+        srv, app, ag = self.start_all()
+        srv.set_reply({"code": 0}, times=1, delay_ms=1500, port="file")
+        first = self.write(ALARM, count=3, prefix="first")
+        time.sleep(SETTLE)
+        app.send(ALARM, "")
+        srv.wait_request(port="file", timeout=15)
+        # the first archive's answer comes while these are being packed
+        second = self.write(ALARM, camera=2, count=400, size=100 * 1024, prefix="second")
+        time.sleep(SETTLE)
+        app.send(ALARM, "")
+        self.wait_uploaded(first + second, timeout=60)
+        time.sleep(SETTLE)
+        self.fence(ALARM)
+        self.wait_file_quiet(quiet=1.0)
+        self.assertGreaterEqual(self.read_time_file(), max(map(mtime_ms, second)) - 50)
+        self.assert_uploaded_once(first + second)
+        self.assert_clean()
+
+    def test_no_image_goes_twice_across_restarts(self):
+        srv, app, ag = self.start_all()
+        written = []
+        rows = ["stop", "kill", "kill with the file port down", "stop while tar runs"]
+        for row in rows:
+            with self.subTest(row=row):
+                if row == "stop while tar runs":
+                    batch = self.write(ALARM, count=300, size=200 * 1024, prefix="tarred")
+                    time.sleep(SETTLE)
+                    before = self.read_time_file()
+                    app.send(ALARM, "")
+                    self.wait_until(lambda: child_pids(ag.pid), 15, "tar under way", interval=0.01)
+                    ag.proc.terminate()
+                    self.assertEqual(ag.wait_exit(5), 0)
+                    left = os.listdir(self.workdir(ALARM))
+                    self.assertFalse([n for n in left if "Tar_" in n], "archive left by the stop: %s" % left)
+                    self.assertEqual(self.read_time_file(), before, "the time file moved past the unpacked images")
+                elif row == "kill with the file port down":
+                    srv.down(port="file")
+                    batch = self.write(ALARM, count=8, prefix="down")
+                    app.send(ALARM, "")
+                    self.wait_until(lambda: self.archives_in(self.workdir(ALARM)), 15, "the archive packed")
+                    ag.kill9()
+                    srv.up(port="file")
+                else:
+                    # as the application does it: the images, then at once the message, so
+                    # that the look begins within the 50 ms its time file reaches back
+                    batch = self.write(ALARM, count=3, prefix=row.replace(" ", "_"))
+                    app.send(ALARM, "")
+                    self.wait_uploaded(batch)
+                    self.wait_file_quiet(quiet=0.5)
+                    if row == "stop":
+                        ag.proc.terminate()
+                        self.assertEqual(ag.wait_exit(5), 0)
+                    else:
+                        ag.kill9()
+                written += batch
+                self.assert_quiet(ag)
+                ag = self.restart_and_reconnect()
+                self.wait_uploaded(batch, timeout=60)
+                time.sleep(SETTLE)
+                self.fence(ALARM)
+                self.wait_file_quiet(quiet=1.0)
+                self.assert_uploaded_once(written)
+        self.assert_contents()
         self.assert_clean()
 
 

@@ -3,6 +3,7 @@ every request it has acknowledged to the application and the server has not
 answered is in the failure history, sent exactly once by the next start."""
 
 import collections
+import json
 import os
 import random
 import signal
@@ -139,6 +140,42 @@ class OrderlyStop(RuntimeCase):
 
         received = self.deliver_after_restart(acked_all)
         self.assertEqual(set(received) - set(sent_all), set(), "delivered but never sent")
+
+    def test_run_state_reports_told_to_the_application_survive_the_stop(self):
+        """A run-state report is queued only once the machine is measured
+        (top): reports acknowledged just before the stop, and one whose
+        measurement the stop cuts short, are kept and sent after the restart."""
+        srv, app, ag = self.start_all()
+        srv.silent()
+        run_state = "/vmu/device/runstate"
+        rows = [("acknowledged", 3, True), ("being measured", 1, False)]
+        sent = []
+        for run, (what, count, wait_ack) in enumerate(rows):
+            with self.subTest(what=what):
+                if run:
+                    connections = app.connection_count()
+                    ag = self.restart()
+                    app.wait_connected(10, count=connections + 1)
+                bodies = ['{"state":"%s","n":%d}' % (what, i) for i in range(count)]
+                mark = app.mark()
+                for body in bodies:
+                    app.send(19, body)
+                if wait_ack:
+                    app.wait_notice("back", since=mark, count=count, timeout=10)
+                else:
+                    ag.wait_log(r"Inline:19\(get info from application\)", count=1)
+                self.stop_with(signal.SIGTERM)
+                stored = [t for t in self.stored_texts() if run_state in t.split("\r\n", 1)[0]]
+                states = [json.loads(t.split("\r\n\r\n", 1)[1]) for t in stored]
+                self.assertEqual(sorted(s["n"] for s in states if s["state"] == what), list(range(count)))
+                sent += bodies
+        srv.normal()
+        ag = self.restart()
+        def got():
+            return {(json.loads(r["body"])["state"], json.loads(r["body"])["n"]) for r in srv.requests(path=run_state)}
+        want = {(json.loads(b)["state"], json.loads(b)["n"]) for b in sent}
+        self.wait_until(lambda: got() == want, 20, "reports delivered")
+        self.assert_clean(ag)
 
     def test_sigint_while_connecting_to_a_vanished_server(self):
         """The server's host vanishes (connects hang up to their 5 s bound) and

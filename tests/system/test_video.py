@@ -57,8 +57,9 @@ class VideoTest(VideoCase):
         self.assert_quiet(self.ag)
 
     def test_unusable_announcements_leave_the_good_cameras_streaming(self):
-        self.start_video(cameras=((0, 160, 128), (1, 160, 128), (2, 160, 128), (4, 160, 128)), announce=False)
-        good, wrong_ids, short, bad_size = self.cams
+        self.start_video(cameras=((0, 160, 128), (1, 160, 128), (2, 160, 128), (4, 160, 128), (5, 160, 128)),
+                         announce=False)
+        good, wrong_ids, short, bad_size, huge = self.cams
         # Not JSON, or no list: nothing set up, and a later announcement is still read.
         for body in ("not json", '{"cameras":[]}'):
             self.announce(body)
@@ -68,6 +69,7 @@ class VideoTest(VideoCase):
         elements[1]["shmid"] += 1000                    # not the segment under camera 1's key
         del elements[2]["height"]                        # incomplete
         elements[3]["size"] = bad_size.size * 2         # more than the segment holds
+        elements[4].update(width=16000, height=16000)   # frames far larger than the segment
         bogus = dict(elements[0])
         elements += [
             dict(bogus, cameraid=7),                    # no segment under camera 7's key
@@ -76,11 +78,14 @@ class VideoTest(VideoCase):
             dict(bogus, cameraid=9, size=-5),
             dict(bogus, cameraid=10, fps="twenty"),
         ]
-        self.announce(json.dumps({"memoryinfo": elements}))
+        # keys are read without regard to case, as the application has always written them
+        self.announce(json.dumps({"MemoryInfo": elements}))
         self.sink.wait_connections(1, path="/live/cam1", timeout=15)
         time.sleep(3)
         self.assertEqual(sorted({r["query"]["camera_id"] for r in self.queries()}), ["1"])
         self.assert_decodes(1, 160, 128)
+        self.ag.wait_log(r"video:5\(frames of 16000x16000 refused: larger than 8192x8192 or than the "
+                         r"segment's %d bytes hold\)" % huge.size)
         # Lookups never create: no segment appeared under camera 7's key.
         self.assertFalse(segment_exists(7))
         self.assert_clean()
