@@ -128,8 +128,9 @@ class AcknowledgedMeansStored(RuntimeCase):
         for run, (hold, after_release) in enumerate(rows):
             with self.subTest(hold=hold):
                 if run:
+                    links = app.connection_count()
                     ag = self.restart()
-                    app.wait_connected(10, count=app.connection_count() + 1)
+                    app.wait_connected(10, count=links + 1)
                 bodies = ['{"held":%d,"n":%d}' % (run, i) for i in range(3)]
                 lock = sqlite3.connect(self.db, timeout=5, isolation_level=None)
                 lock.execute("BEGIN EXCLUSIVE")

@@ -565,7 +565,7 @@ class UploadFaults(ImageTestCase):
 
     def test_an_answer_during_a_long_tar_never_sets_the_time_file_back(self):
         srv, app, ag = self.start_all()
-        srv.set_reply({"code": 0}, times=1, delay_ms=1500, port="file")
+        srv.hold(port="file")
         first = self.write(ALARM, count=3, prefix="first")
         time.sleep(SETTLE)
         app.send(ALARM, "")
@@ -574,12 +574,19 @@ class UploadFaults(ImageTestCase):
         second = self.write(ALARM, camera=2, count=400, size=100 * 1024, prefix="second")
         time.sleep(SETTLE)
         app.send(ALARM, "")
-        self.wait_uploaded(first + second, timeout=60)
-        time.sleep(SETTLE)
-        self.fence(ALARM)
-        self.wait_file_quiet(quiet=1.0)
+        self.wait_until(lambda: child_pids(ag.pid), 15, "tar under way", interval=0.01)
+        srv.flush(port="file")      # the held answer; later ones are held too
+        # the second look's archives are on their way, unanswered, when the next look comes
+        srv.wait_request(port="file", count=2, timeout=30)
         self.assertGreaterEqual(self.read_time_file(), max(map(mtime_ms, second)) - 50)
-        self.assert_uploaded_once(first + second)
+        fence = self.write(ALARM, camera=3, prefix="fence")
+        time.sleep(SETTLE)
+        app.send(ALARM, "")
+        time.sleep(1.0)
+        srv.normal(port="file")
+        self.wait_uploaded(first + second + fence, timeout=60)
+        self.wait_file_quiet(quiet=3.0, limit=30)
+        self.assert_uploaded_once(first + second + fence)
         self.assert_clean()
 
     def test_no_image_goes_twice_across_restarts(self):
