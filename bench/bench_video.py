@@ -7,15 +7,20 @@ namespaces of tests/system/nsrun.py (loopback only, private IPC).
 
   encoder   CPU seconds per frame of the agent pushing one 1280x1024 camera
             at 20 fps, next to the ffmpeg command line with the same encoder
-            settings fed the same test picture at 20 fps, and their ratio
-  cameras   how many 1280x1024 cameras at 20 fps the agent pushes without
-            falling behind, and whether every frame arrives: short runs for
-            1, 2, 4, 6 ... cameras until one falls behind, the best confirmed
-            with a long run
+            settings fed the same test picture at 20 fps, and their ratio;
+            also against the command line at the settings used before
+            (library default threading)
+  cameras   how many 1280x1024 cameras at 20 fps the agent pushes while every
+            camera gets every slot: short runs for 1, 2, 4, 8, 12 ... 32
+            cameras until one loses frames, the best confirmed for 60 s (one
+            fewer if that fails); --plot writes a PNG (gnuplot) of per-frame
+            latency over time for 1 camera and for the most confirmed
   latency   frame written by the application -> its first (and last) byte at
             the sink, p50/p99, from the frame number drawn into each picture
-            and the sink's own time stamp of every read
-  memory    VmRSS and VmHWM with 1 and 4 cameras streaming, after the sink has
+            and the sink's own time stamp of every read; split into the copy
+            (written -> the slot it is copied in), the encode (the push
+            thread's CPU per frame) and the rest (muxing and sending)
+  memory    VmRSS, private memory (RssAnon) and VmHWM with 1 and 4 cameras streaming, after the sink has
             gone down (each camera's frame queue fills to its bound), and after
             it came back
   idle      agent CPU over 60 s with one camera announced and the sink down
@@ -62,10 +67,13 @@ PTS_WRAP = 1 << 33
 QUEUE_BOUND = 51                      # frames a camera's queue holds at most
 COPY_THREAD = "QEL_ItemVideoTh"       # the agent's frame-copy thread, as the kernel names it
 PUSH_THREAD = "MuxThread"
-FFMPEG = ["ffmpeg", "-hide_banner", "-loglevel", "error", "-y",
-          "-f", "rawvideo", "-pix_fmt", "yuv420p", "-s", "%dx%d" % (WIDTH, HEIGHT), "-r", str(FPS), "-i", "-",
-          "-c:v", "libx264", "-preset", "ultrafast", "-profile:v", "baseline", "-b:v", "1M", "-g", "12",
-          "-f", "mpegts"]
+# The agent's encoder settings, on the command line; FFMPEG_BEFORE: the
+# settings it had until 2026-11-23 (the library's default threading).
+FFMPEG_BEFORE = ["ffmpeg", "-hide_banner", "-loglevel", "error", "-y",
+                 "-f", "rawvideo", "-pix_fmt", "yuv420p", "-s", "%dx%d" % (WIDTH, HEIGHT), "-r", str(FPS), "-i", "-",
+                 "-c:v", "libx264", "-preset", "ultrafast", "-profile:v", "baseline", "-b:v", "1M", "-g", "12",
+                 "-f", "mpegts"]
+FFMPEG = FFMPEG_BEFORE[:-2] + ["-threads", "1", "-tune", "zerolatency", "-f", "mpegts"]
 
 
 # ---- processes and the machine ---------------------------------------------------
@@ -82,13 +90,24 @@ def proc_cpu(pid="self"):
 
 def proc_mem(pid):
     """(VmRSS, VmHWM) in KiB."""
+    got = proc_status(pid)
+    return got.get("VmRSS", 0), got.get("VmHWM", 0)
+
+
+def proc_status(pid):
+    """The KiB figures of /proc/PID/status (VmRSS, VmHWM, RssAnon ...)."""
     got = {}
     with open("/proc/%d/status" % pid) as f:
         for line in f:
-            key = line.split(":", 1)[0]
-            if key in ("VmRSS", "VmHWM"):
-                got[key] = int(line.split()[1])
-    return got.get("VmRSS", 0), got.get("VmHWM", 0)
+            key, _, rest = line.partition(":")
+            if rest.strip().endswith("kB"):
+                got[key] = int(rest.split()[0])
+    return got
+
+
+def private_kib(pid):
+    """Memory that is this process's alone: anonymous pages (heap, stacks, frames)."""
+    return proc_status(pid).get("RssAnon", 0)
 
 
 def thread_cpu(pid):
@@ -353,10 +372,10 @@ def camera_frames(rig, cam, s0, s1):
 class FfmpegRun(threading.Thread):
     """The ffmpeg command line fed `frames` test-picture frames at 20 fps."""
 
-    def __init__(self, out, frames):
+    def __init__(self, out, frames, command=None):
         super().__init__(daemon=True)
         self.out, self.frames = out, frames
-        self.cmd = FFMPEG + [out]
+        self.cmd = (command or FFMPEG) + [out]
         self.result = None
         self.error = None
 
@@ -420,9 +439,9 @@ def agent_encoder_run(a, ffmpeg=None):
         rig.close()
 
 
-def ffmpeg_alone(a, work):
+def ffmpeg_alone(a, work, command=None):
     meter = Meter()
-    run = FfmpegRun(os.path.join(work, "ffmpeg-%d.ts" % time.monotonic_ns()), a.seconds * FPS)
+    run = FfmpegRun(os.path.join(work, "ffmpeg-%d.ts" % time.monotonic_ns()), a.seconds * FPS, command)
     run.run()
     if run.error:
         raise run.error
@@ -441,8 +460,9 @@ def bench_encoder(a):
     say("order: %s (1-minute load %.2f; --busy-load %.2f), %d run(s) of %d s each"
         % (order, load1, a.busy_load, repeat, a.seconds))
     say("ffmpeg: %s OUT.ts" % " ".join(FFMPEG))
+    say("ffmpeg at the earlier settings: %s OUT.ts" % " ".join(FFMPEG_BEFORE))
     work = tempfile.mkdtemp(prefix="qel_bench_video_ffmpeg_")
-    rows, notes, split = [], [], []
+    rows, notes, split, before = [], [], [], []
     try:
         for i in range(repeat):
             if order == "together":
@@ -457,6 +477,10 @@ def bench_encoder(a):
                 fr = ffmpeg_alone(a, work)
             a_ms = ag["cpu"] / max(1, ag["frames"]) * 1000.0
             f_ms = fr["cpu"] / max(1, fr["frames"]) * 1000.0
+            old = ffmpeg_alone(a, work, FFMPEG_BEFORE)
+            o_ms = old["cpu"] / max(1, old["frames"]) * 1000.0
+            before.append((i + 1, "%.2f" % o_ms, "%.2f" % (a_ms / o_ms), "%.2f/%.2f" % (old["meter"].cores,
+                                                                                  old["meter"].others)))
             rows.append((i + 1, order, "%.2f" % ag["cpu"], ag["frames"], "%.1f" % (ag["frames"] / ag["seconds"]),
                          "%.2f" % a_ms, "%.2f" % fr["cpu"], fr["frames"], "%.2f" % f_ms, "%.2f" % (a_ms / f_ms),
                          "%.2f/%.2f" % (ag["meter"].cores, ag["meter"].others) if order == "together" else
@@ -482,6 +506,8 @@ def bench_encoder(a):
     say("agent/ffmpeg CPU per frame: %s (goal <= 1.00); agent CPU counted from the announcement, frames "
         "counted at the sink with ffprobe -count_frames; ffmpeg's CPU until it exited (wait4)"
         % ", ".join("%.2f" % r for r in ratios))
+    say("against the command line at the earlier settings (run alone, after):")
+    table(["run", "ffmpeg ms/frame", "agent/ffmpeg", "busy/others cores"], before)
     say("the agent's CPU per frame by thread:")
     table(["run", "copy thread ms", "push thread ms (mux, send, encoder calls)",
            "encoder workers and main thread ms"], split)
@@ -590,36 +616,68 @@ CAMERA_HEADERS = ["cameras", "run", "s", "slots", "min got", "fps/cam", "min %",
                   "app skipped", "every frame", "kept up"]
 
 
+def plot_lags(path, runs):
+    """A PNG (gnuplot) of each frame's lag over time, one series per run."""
+    if shutil.which("gnuplot") is None:
+        say("no plot: gnuplot is not installed (apt-get install gnuplot-nox)")
+        return
+    work = tempfile.mkdtemp(prefix="qel_bench_video_plot_")
+    try:
+        series = []
+        for label, run in runs:
+            data = os.path.join(work, "%d.dat" % len(series))
+            first = min((s for c in run["cams"] for s in c["lags"]), default=0)
+            with open(data, "w") as f:
+                for c in run["cams"]:
+                    for s in sorted(c["lags"]):
+                        f.write("%.3f %.1f\n" % ((s - first) / float(FPS), c["lags"][s] * 1000.0))
+            series.append("'%s' using 1:2 with points pointtype 7 pointsize 0.25 title '%s'" % (data, label))
+        script = ("set terminal png size 1100,520\nset output '%s'\nset grid\nset key top left\n"
+                  "set title 'Live video, 1280x1024 at 20 fps: each frame, its 1/20 s slot -> first byte at the sink'\n"
+                  "set xlabel 'time in the measured window (s)'\nset ylabel 'ms'\nset yrange [0:*]\n"
+                  "plot %s\n" % (os.path.abspath(path), ", ".join(series)))
+        r = subprocess.run(["gnuplot"], input=script, universal_newlines=True, stderr=subprocess.PIPE)
+        say("plot: %s%s" % (path, "" if r.returncode == 0 else " FAILED: " + r.stderr[-300:]))
+    finally:
+        shutil.rmtree(work, ignore_errors=True)
+
+
 def bench_cameras(a):
     counts = [int(x) for x in a.counts.split(",")]
     say("kept up: no frame's first byte at the sink later than %.1f s after its slot and the lag not growing by "
         "more than %.2f s (the queue trims only at %d frames, %.2f s), no \"drop it\" line, no reconnection; "
         "every frame: each camera got >= %.0f%% of the window's 1/20 s slots"
         % (a.max_lag, a.max_trend, QUEUE_BOUND, QUEUE_BOUND / float(FPS), 100 * a.min_share))
-    rows, best, every_best = [], None, None
+    rows, good, runs = [], [], {}
     for n in counts:
         say("  %d camera(s), %d s ... (%s)" % (n, a.seconds, load_text()))
         run = camera_run(a, n, a.seconds)
         rows.append(camera_row(run, "search", a))
         ok, _, every = judge(run, a)
-        if every and ok:
-            every_best = n
-        if not ok:
+        if not (ok and every):
             break
-        best = n
-    if best is None and counts[0] > 1:
-        say("  1 camera, %d s ... (%s)" % (a.seconds, load_text()))
-        run = camera_run(a, 1, a.seconds)
-        rows.append(camera_row(run, "search", a))
-        ok, _, every = judge(run, a)
-        best = 1 if ok else None
-        every_best = 1 if ok and every else every_best
+        good.append(n)
+    # The largest count that keeps every slot of every camera for the whole
+    # confirmation; one count lower each time it does not.
     confirmed = None
-    if best is not None and a.confirm_seconds > 0:
-        say("  confirming %d camera(s), %d s ... (%s)" % (best, a.confirm_seconds, load_text()))
-        run = camera_run(a, best, a.confirm_seconds)
+    for n in reversed(good if a.confirm_seconds > 0 else []):
+        say("  confirming %d camera(s), %d s ... (%s)" % (n, a.confirm_seconds, load_text()))
+        run = camera_run(a, n, a.confirm_seconds)
         rows.append(camera_row(run, "confirm", a))
-        confirmed = judge(run, a)[0]
+        runs[n] = run
+        ok, _, every = judge(run, a)
+        if ok and every:
+            confirmed = n
+            break
+    if a.plot and confirmed is not None:
+        if 1 not in runs:
+            say("  1 camera for the plot, %d s ... (%s)" % (a.confirm_seconds, load_text()))
+            runs[1] = camera_run(a, 1, a.confirm_seconds)
+            rows.append(camera_row(runs[1], "plot", a))
+        plot_lags(a.plot, [("1 camera", runs[1])] + ([("%d cameras" % confirmed, runs[confirmed])]
+                                                      if confirmed != 1 else []))
+    best = good[-1] if good else None
+    every_best = confirmed
     say()
     table(CAMERA_HEADERS, rows)
     say("slots: 1/20 s slots in the window; got: distinct slots the sink received per camera; gaps: runs of "
@@ -629,13 +687,11 @@ def bench_cameras(a):
         "what a copy pass adds to the 50 ms between passes (1000/fps - 50); copy CPU: the copy thread's own CPU "
         "per pass; app hold: how long a camera writer held its semaphore per frame (the copy waits for it)")
     if best is None:
-        say("result: the encoders did not keep up with any camera count tried")
+        say("result: no camera count tried got every slot of every camera")
     else:
-        say("result: the encoders kept up with %d camera(s)%s%s; every frame arrived with %s"
-            % (best, " (the most tried)" if best == counts[-1] else "",
-               "" if confirmed is None else (", confirmed over %d s" % a.confirm_seconds) if confirmed else
-               ", but NOT in the %d s confirmation" % a.confirm_seconds,
-               "no camera count tried" if every_best is None else "up to %d camera(s)" % every_best))
+        say("result: every camera got every slot with up to %d camera(s) in %d s runs%s; confirmed over %d s: %s"
+            % (best, a.seconds, " (the most tried)" if best == counts[-1] else "", a.confirm_seconds,
+               "none" if every_best is None else "%d camera(s)" % every_best))
 
 
 # ---- latency -----------------------------------------------------------------------------
@@ -683,13 +739,16 @@ def bench_latency(a):
         before = thread_names(rig.pid)
         sent = rig.announce()
         rig.wait_streams()
+        push0 = thread_cpu(rig.pid).get(PUSH_THREAD, 0.0)
         time.sleep(a.seconds)
+        push_cpu = thread_cpu(rig.pid).get(PUSH_THREAD, 0.0) - push0
         new = collections.Counter(name for tid, name in thread_names(rig.pid).items() if tid not in before)
         stopped = time.time()
         rig.stop_agent()
         conns = rig.sink.connections(path="/live/cam1")
         first_byte = rig.sink.reads[conns[0]["conn"]][0][0]
         first_lat, whole_lat, copy_lat, unread, repeats, seen = [], [], [], 0, 0, set()
+        to_copy = []
         for conn in conns:
             frames = decoded_numbers(conn["file"])
             stream_end = conn["bytes"]
@@ -712,6 +771,7 @@ def bench_latency(a):
                     if pts is not None:
                         slot = slot_from_pts(pts, slot_of(written))
                         copy_lat.append((start - slot / float(FPS)) * 1000.0)
+                        to_copy.append((slot / float(FPS) - written) * 1000.0)
                 if end is not None:
                     whole_lat.append((end - written) * 1000.0)
         written_in = [n for n, t in cam.written.items() if first_byte <= t <= first_byte + a.seconds - 1]
@@ -720,7 +780,11 @@ def bench_latency(a):
         table(["what", "frames", "p50 ms", "p99 ms", "max ms", "min ms"],
               [lat_row("written -> first byte at the sink", first_lat),
                lat_row("written -> last byte of the frame", whole_lat),
-               lat_row("copied (pts slot, +-25 ms) -> first byte", copy_lat)])
+               lat_row("copy: written -> copied (pts slot)", to_copy),
+               lat_row("encode + send: copied -> first byte", copy_lat)])
+        say("encode: the push thread (the encoder runs in it) spent %.2f ms CPU per frame over the %d s; "
+            "send: what is left of 'copied -> first byte' (muxing, the socket, the sink's read)"
+            % (push_cpu / (a.seconds * FPS) * 1000.0, a.seconds))
         say("announcement sent -> first stream byte at the sink: %.0f ms" % ((first_byte - sent) * 1000.0))
         say("frames the application wrote in the measured stretch: %d, never in the stream: %d (%.1f%%); "
             "pictures encoded twice: %d; frames without a readable number: %d; stream connections: %d"
@@ -745,20 +809,22 @@ def bench_memory(a):
         say("  %d camera(s) ... (%s)" % (n, load_text()))
         rig = Rig(a.binary, n, keep=a.keep)
         try:
-            before = proc_mem(rig.pid)
-            rows.append((n, "logged in, not announced", "%.1f" % (before[0] / 1024.0), "%.1f" % (before[1] / 1024.0),
-                         "-"))
+            before, private0 = proc_mem(rig.pid), private_kib(rig.pid)
+            rows.append((n, "logged in, not announced", "%.1f" % (before[0] / 1024.0), "%.1f" % (private0 / 1024.0),
+                         "%.1f" % (before[1] / 1024.0), "-"))
             rig.announce()
             rig.wait_streams()
             time.sleep(a.seconds)
-            streaming = proc_mem(rig.pid)
+            streaming, private1 = proc_mem(rig.pid), private_kib(rig.pid)
             rows.append((n, "streaming %d s" % a.seconds, "%.1f" % (streaming[0] / 1024.0),
-                         "%.1f" % (streaming[1] / 1024.0), "-"))
+                         "%.1f" % (private1 / 1024.0), "%.1f" % (streaming[1] / 1024.0),
+                         "per camera: RSS %.1f, private %.1f" % ((streaming[0] - before[0]) / 1024.0 / n,
+                                                                 (private1 - private0) / 1024.0 / n)))
             rig.sink.down()
             time.sleep(a.down_seconds)
             down = proc_mem(rig.pid)
             rows.append((n, "sink down %d s" % a.down_seconds, "%.1f" % (down[0] / 1024.0),
-                         "%.1f" % (down[1] / 1024.0),
+                         "%.1f" % (private_kib(rig.pid) / 1024.0), "%.1f" % (down[1] / 1024.0),
                          "%+.1f (bound %d x %.2f MiB x %d = %.1f)" % ((down[0] - streaming[0]) / 1024.0, QUEUE_BOUND,
                                                                       per_frame / 1048576.0, n,
                                                                       QUEUE_BOUND * per_frame * n / 1048576.0)))
@@ -775,12 +841,14 @@ def bench_memory(a):
                     ages.append(at - slot_from_pts(packets[0][0], slot_of(at)) / float(FPS))
             stale.append(max(ages) if ages else float("nan"))
             rows.append((n, "sink back %d s (%d/%d streams again)" % (a.down_seconds, len(fresh), n),
-                         "%.1f" % (back[0] / 1024.0), "%.1f" % (back[1] / 1024.0),
+                         "%.1f" % (back[0] / 1024.0), "%.1f" % (private_kib(rig.pid) / 1024.0),
+                         "%.1f" % (back[1] / 1024.0),
                          "%+.1f" % ((back[0] - streaming[0]) / 1024.0)))
         finally:
             rig.close()
     say()
-    table(["cameras", "state", "VmRSS MiB", "VmHWM MiB", "RSS change vs streaming MiB"], rows)
+    table(["cameras", "state", "VmRSS MiB", "private (RssAnon) MiB", "VmHWM MiB",
+           "change vs streaming MiB / streaming above not announced"], rows)
     say("first frame on the new connection after the sink came back: %s old when it arrived (its slot time "
         "to its first byte)" % ", ".join("%.2f s" % x for x in stale))
 
@@ -826,10 +894,12 @@ def add_encoder(p):
 
 
 def add_cameras(p):
-    p.add_argument("--counts", default="1,2,4,6,8,10", help="camera counts tried, in order, until one fails")
+    p.add_argument("--counts", default="1,2,4,8,12,16,20,24,28,32",
+                   help="camera counts tried, in order, until one loses frames")
     p.add_argument("--seconds", type=int, default=20, help="window of each search run, s")
     p.add_argument("--confirm-seconds", type=int, default=60, help="window of the confirmation run (0: none)")
-    p.add_argument("--min-share", type=float, default=0.99,
+    p.add_argument("--plot", default="", metavar="PNG", help="write the latency plot here (gnuplot)")
+    p.add_argument("--min-share", type=float, default=1.0,
                    help="share of the slots each camera must get for \"every frame\"")
     p.add_argument("--max-lag", type=float, default=1.0, help="latest first byte after a frame's slot, s")
     p.add_argument("--max-trend", type=float, default=0.25, help="largest growth of the lag over the window, s")

@@ -53,8 +53,8 @@ int CMux::Initialize(int width, int height, int bit_rate, int fps, const char* s
     bitRate_ = bit_rate;
     fps_ = fps;
     haveVideo_ = true;
-    backlog_.reset(new char[kBacklogCapacity]);
-    backlogFill_ = 0;
+    backlog_.clear();
+    backlogHead_ = 0;
     if (width > 0 && height > 0) {
         framePoolSize_ = static_cast<size_t>(width) * height * 3 / 2;
         framePool_ = av_buffer_pool_init(framePoolSize_, nullptr);
@@ -123,6 +123,10 @@ int CMux::AddStream(OutputStream* ost, AVFormatContext* oc, const AVCodec** code
     ost->stream->time_base = AVRational{1, 90000};
     c->time_base = AVRational{1, fps_};
     c->gop_size = 12;
+    // One encoder thread per camera: a frame comes out as soon as it is
+    // encoded (frame-parallel threads hold several back), it costs least
+    // per frame, and cameras run side by side on the cores instead.
+    c->thread_count = 1;
     c->pix_fmt = AV_PIX_FMT_YUV420P;
     // The baseline profile leaves B-frames out whatever is asked here.
     c->max_b_frames = 2;
@@ -150,6 +154,8 @@ int CMux::OpenVideo(const AVCodec* codec, OutputStream* ost)
     AVDictionary* options = nullptr;
     av_dict_set(&options, "preset", "ultrafast", 0);
     av_dict_set(&options, "profile", "baseline", 0);
+    // No look-ahead of any kind: live video, one frame in, its packets out.
+    av_dict_set(&options, "tune", "zerolatency", 0);
     const int ret = avcodec_open2(ost->codec, codec, &options);
     av_dict_free(&options);
     if (ret < 0) {
@@ -275,6 +281,24 @@ int CMux::OnMux()
             return 1;
         pending = std::move(queue_.front());
         queue_.pop_front();
+    }
+    if (backlog() > 0)
+        OnSend(nullptr, 0);
+    if (backlog() > 0) {
+        // The connection has not taken the last frame yet: this one is not
+        // encoded at all (the copy goes back to the pool), and the stream
+        // goes on with a key frame once it has caught up.
+        ++dropped_;
+        keyWanted_ = true;
+        if (!congested_) {
+            congested_ = true;
+            LOG(INFO) << "video:(camera " << cameraId_ << " congested: frames are dropped before encoding)";
+        }
+        return 0;
+    }
+    if (congested_) {
+        congested_ = false;
+        LOG(INFO) << "video:(camera " << cameraId_ << " caught up, " << dropped_ << " frames dropped so far)";
     }
     if (video_.codec == nullptr || video_.frame == nullptr || !avcodec_is_open(video_.codec)) {
         std::fprintf(stderr, "Error sending a frame for encoding\n");
@@ -404,8 +428,8 @@ void CMux::Release()
         queue_.clear();
     }
     av_buffer_pool_uninit(&framePool_);
-    backlog_.reset();
-    backlogFill_ = 0;
+    std::vector<char>().swap(backlog_);
+    backlogHead_ = 0;
     headerWritten_ = false;
     sequence_ = 0;
 }

@@ -6,6 +6,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -39,7 +40,14 @@ public:
     enum State { kIdle = 0, kQuery = 1, kConnect = 2, kConnecting = 3, kConnected = 4, kStreaming = 5, kRestart = 6 };
 
     static constexpr int kOutputBuffer = 1 << 20;      // FFmpeg's I/O buffer
-    static constexpr int kBacklogCapacity = 4 << 20;   // stream bytes the socket did not take yet
+    // Stream bytes the socket did not take yet wait in the backlog, in the
+    // order the muxer produced them. No frame is encoded while any wait, so
+    // it holds about one frame; a frame larger than this ends the connection.
+    static constexpr int kBacklogCapacity = 4 << 20;
+    // The stream connection's kernel send buffer: small, so that a
+    // connection that cannot keep up shows in the backlog (and frames are
+    // dropped) after about a second of video, not after many.
+    static constexpr int kSendBuffer = 64 << 10;
 
     CMux();
     ~CMux();
@@ -54,7 +62,10 @@ public:
     // the previous frame and is dropped.
     int PostImgBuffer(const char* data, int size, int64_t time_ms, char image_type);
     // Push thread: encodes the oldest queued frame and writes its packets.
-    // 1 when there was none.
+    // 1 when there was none. While stream bytes still wait in the backlog
+    // the frame is dropped instead, before encoding, and the next frame
+    // encoded is a key frame: a connection that cannot keep up loses whole
+    // frames, never bytes in the middle of the stream.
     int OnMux();
     int WriteHeader();
     int Flush();
@@ -90,7 +101,8 @@ public:
     // For tests and the log.
     int state() const { return state_; }
     int queued() const;
-    int backlog() const { return backlogFill_; }
+    int backlog() const { return static_cast<int>(backlog_.size() - backlogHead_); }
+    uint64_t droppedFrames() const { return dropped_; }
     const pushaddress::Address& cdn() const { return cdn_; }
 
 private:
@@ -167,8 +179,12 @@ private:
     int64_t lastSendTime_ = 0;
     bool sentSinceStep_ = false;    // any stream byte went out since the last streaming step
     bool sendFailed_ = false;       // a send of new stream bytes failed since then
-    std::unique_ptr<char[]> backlog_;
-    int backlogFill_ = 0;
+    // Stream bytes not taken by the socket yet: backlog_[backlogHead_..end),
+    // oldest first. Sent before anything newer.
+    std::vector<char> backlog_;
+    size_t backlogHead_ = 0;
+    uint64_t dropped_ = 0;          // frames dropped before encoding, in all
+    bool congested_ = false;        // dropping now (for the log)
     char deviceId_[128] = {};
     char cameraId_[64] = {};
 };

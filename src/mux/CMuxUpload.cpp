@@ -145,7 +145,7 @@ int64_t CMux::step()
             state_ = kRestart;
         }
         if (r == 1)
-            return backlogFill_ > 0 ? kBacklogRetryMs : kIdleWaitMs;
+            return backlog() > 0 ? kBacklogRetryMs : kIdleWaitMs;
         return r;
     }
     case kRestart:
@@ -155,7 +155,8 @@ int64_t CMux::step()
         state_ = kQuery;
         stateTime_ = 0;
         lastSendTime_ = 0;
-        backlogFill_ = 0;
+        backlog_.clear();
+        backlogHead_ = 0;
         startFresh();
         return kRestartPauseMs;
     default:
@@ -265,6 +266,8 @@ int CMux::Connect()
         return -1;
     socket_ = fd;
     setNonBlocking(fd, true);
+    const int sendBuffer = kSendBuffer;
+    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof sendBuffer);
     sockaddr_in cdn{};
     cdn.sin_family = AF_INET;
     cdn.sin_addr.s_addr = cdn_.ip;
@@ -341,24 +344,38 @@ int CMux::OnSend(const char* buf, int len)
 {
     int sent = 0;
     if (buf != nullptr && len > 0) {
-        // New bytes go first, even past an older backlog; what the socket
-        // does not take waits in the backlog while it fits.
-        if (Send(socket_, buf, len, &sent) == -1) {
-            sendFailed_ = true;
-            return -1;
+        // New bytes go straight out only when nothing older waits; otherwise
+        // they queue behind it: the stream leaves in the order it was muxed.
+        if (backlog() == 0) {
+            if (Send(socket_, buf, len, &sent) == -1) {
+                sendFailed_ = true;
+                return -1;
+            }
+            buf += sent;
+            len -= sent;
         }
-        const int rest = len - sent;
-        if (rest > 0 && backlog_ && backlogFill_ + rest <= kBacklogCapacity) {
-            std::memcpy(backlog_.get() + backlogFill_, buf + sent, static_cast<size_t>(rest));
-            backlogFill_ += rest;
+        if (len > 0) {
+            if (backlog() + len > kBacklogCapacity) {
+                // Dropping bytes would break the stream: start a new one.
+                sendFailed_ = true;
+                return -1;
+            }
+            if (backlogHead_ > 0) {
+                backlog_.erase(backlog_.begin(), backlog_.begin() + static_cast<std::ptrdiff_t>(backlogHead_));
+                backlogHead_ = 0;
+            }
+            backlog_.insert(backlog_.end(), buf, buf + len);
         }
     } else {
-        if (backlogFill_ <= 0)
+        if (backlog() == 0)
             return 0;
-        if (Send(socket_, backlog_.get(), backlogFill_, &sent) == -1)
+        if (Send(socket_, backlog_.data() + backlogHead_, backlog(), &sent) == -1)
             return -1;
-        std::memmove(backlog_.get(), backlog_.get() + sent, static_cast<size_t>(backlogFill_ - sent));
-        backlogFill_ -= sent;
+        backlogHead_ += static_cast<size_t>(sent);
+        if (backlogHead_ == backlog_.size()) {
+            backlog_.clear();
+            backlogHead_ = 0;
+        }
     }
     if (sent > 0)
         sentSinceStep_ = true;

@@ -7,7 +7,7 @@ import signal
 import time
 import unittest
 
-from videocase import HOST, VideoCase, query_bytes, segment_exists
+from videocase import HOST, VideoCase, decode_errors, last_pts, query_bytes, segment_exists
 from qel_cdn_sink import put_head  # noqa: E402
 from qel_app_sim import memory_info  # noqa: E402  (tools/ is on the path once qeltest is loaded)
 
@@ -91,7 +91,8 @@ class VideoTest(VideoCase):
         self.assert_clean()
 
     def test_the_push_comes_back_whatever_the_servers_do(self):
-        self.start_video(cameras=((0, 160, 128),), announce=False)
+        # large enough for a stream of about 1 Mbit/s, more than the kernel's buffers hide
+        self.start_video(cameras=((0, 640, 480),), announce=False)
         # The video server answers nonsense, then an address by name, then
         # nothing usable at all: the agent keeps asking, once a second.
         self.srv.answer('{"code":1,"msg":"no push address"}', port="video")
@@ -122,13 +123,30 @@ class VideoTest(VideoCase):
         self.assertEqual(second["head"], put_head(self.srv.push_address(1)))
         # The new stream starts on a key frame of fresh video, not on what
         # the encoder still held from the old connection.
-        frames = self.assert_decodes(second["conn"], 160, 128)
+        frames = self.assert_decodes(second["conn"], 640, 480)
         self.assertEqual(frames[0]["key_frame"], 1)
         # pts are wall-clock times in 1/90000 s, kept to 33 bits: the first
         # frame is from after the old connection closed (less a few slots).
         closed = self.sink.connection(first["conn"])["closed"]
         after = (frames[0]["pts"] - int((closed - 0.15) * 90000)) % (1 << 33)
         self.assertLess(after, 10 * 90000, "first frame %.2f s before the close" % (((1 << 33) - after) / 90000.0))
+
+        # The sink reads at half the stream's rate for 10 s: whole frames are
+        # left out before encoding, never bytes, so everything that arrives
+        # decodes; once it reads at full speed the video is current within 2 s.
+        conn = second["conn"]
+        before, t0 = self.sink.bytes_received(conn), time.monotonic()
+        time.sleep(3)
+        rate = (self.sink.bytes_received(conn) - before) / (time.monotonic() - t0)
+        self.assertGreater(rate, 80000, "stream bytes a second")
+        self.sink.throttle(rate / 2 / 1024.0)
+        time.sleep(10)
+        self.sink.throttle(0)
+        time.sleep(2)
+        lag = ((int(time.time() * 90000) - last_pts(self.stream_path(conn))) % (1 << 33)) / 90000.0
+        self.assertLess(lag, 1.0, "newest frame at the sink 2 s after it caught up")
+        self.assertEqual(decode_errors(self.stream_path(conn)), "")
+        self.ag.wait_log(r"video:\(camera 1 congested: frames are dropped before encoding\)", timeout=1)
         self.assert_clean()
 
     def test_a_camera_held_by_the_application_stops_nothing_else(self):

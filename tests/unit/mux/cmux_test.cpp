@@ -12,7 +12,7 @@
 namespace {
 
 constexpr int kW = 64, kH = 48;
-constexpr long kEpochMs = 1700000000000L;
+constexpr int64_t kEpochMs = 1700000000000LL;
 
 // A CMux streaming into one end of a socket pair; the test reads the other.
 struct Streaming
@@ -103,34 +103,82 @@ TEST(CMux, EveryLayoutEncodesToATransportStream)
     EXPECT_EQ(s.mux.backlog(), 0);
 }
 
-TEST(CMux, BytesTheSocketDoesNotTakeWaitInTheBacklog)
+TEST(CMux, BytesLeaveInTheOrderTheyWereMuxed)
 {
     Streaming s(4096);
-    std::vector<char> chunk(256 * 1024, 'x');
-    const int sent = s.mux.OnSend(chunk.data(), static_cast<int>(chunk.size()));
+    std::string chunks[3];
+    for (int i = 0; i < 3; ++i)
+        chunks[i] = std::string(100 * 1024, static_cast<char>('a' + i));
+    const int sent = s.mux.OnSend(chunks[0].data(), static_cast<int>(chunks[0].size()));
     ASSERT_GT(sent, 0);
-    ASSERT_LT(sent, static_cast<int>(chunk.size()));
-    EXPECT_EQ(s.mux.backlog(), static_cast<int>(chunk.size()) - sent);
+    ASSERT_LT(sent, static_cast<int>(chunks[0].size()));
+    EXPECT_EQ(s.mux.backlog(), static_cast<int>(chunks[0].size()) - sent);
     EXPECT_EQ(s.mux.OnSend(nullptr, 0), 0);     // peer not reading: nothing moves
 
-    // The backlog is bounded: what does not fit is dropped.
-    std::vector<char> big(CMux::kBacklogCapacity, 'y');
-    s.mux.OnSend(big.data(), static_cast<int>(big.size()));
-    EXPECT_EQ(s.mux.backlog(), static_cast<int>(chunk.size()) - sent);
-
-    size_t read = 0;
-    for (int i = 0; i < 1000 && s.mux.backlog() > 0; ++i) {
-        read += s.drain().size();
+    // Newer bytes wait behind the older ones, even once the socket has room.
+    std::string got = s.drain();
+    EXPECT_EQ(s.mux.OnSend(chunks[1].data(), static_cast<int>(chunks[1].size())), 0);
+    EXPECT_EQ(s.mux.OnSend(chunks[2].data(), static_cast<int>(chunks[2].size())), 0);
+    for (int i = 0; i < 10000 && s.mux.backlog() > 0; ++i) {
+        got += s.drain();
         s.mux.OnSend(nullptr, 0);
     }
+    got += s.drain();
     EXPECT_EQ(s.mux.backlog(), 0);
-    read += s.drain().size();
-    EXPECT_EQ(read, chunk.size());
+    EXPECT_TRUE(got == chunks[0] + chunks[1] + chunks[2]) << "bytes reordered or lost";
     EXPECT_EQ(s.mux.OnSend(nullptr, 0), 0);     // empty backlog
 
+    // More than the backlog can hold ends the stream rather than a gap in it.
+    std::vector<char> big(CMux::kBacklogCapacity, 'y');
+    EXPECT_GE(s.mux.OnSend(big.data(), static_cast<int>(big.size())), 0);     // most of it waits
+    EXPECT_EQ(s.mux.OnSend(big.data(), static_cast<int>(big.size())), -1);
     close(s.fds[1]);
     s.fds[1] = -1;
-    EXPECT_EQ(s.mux.OnSend(chunk.data(), 10), -1);      // peer gone, and no SIGPIPE
+    EXPECT_EQ(s.mux.OnSend(nullptr, 0), -1);      // peer gone, and no SIGPIPE
+}
+
+TEST(CMux, ACongestedConnectionLosesWholeFramesAndResumesOnAKeyFrame)
+{
+    Streaming s(4096);
+    ASSERT_EQ(s.mux.WriteHeader(), 0);
+    int64_t t = kEpochMs;
+    for (int i = 0; i < 2; ++i) {       // the stream's key frame, and one after it
+        const auto frame = picture(static_cast<uint8_t>(100 + i));
+        ASSERT_EQ(s.mux.PostImgBuffer(frame.data(), static_cast<int>(frame.size()), t += 50, CMux::kI420), 1);
+        EXPECT_EQ(s.mux.OnMux(), 0);
+    }
+    s.drain();
+    std::vector<char> stuck(64 * 1024, 'z');
+    s.mux.OnSend(stuck.data(), static_cast<int>(stuck.size()));     // the peer is behind
+    ASSERT_GT(s.mux.backlog(), 0);
+    for (int i = 0; i < 3; ++i) {
+        const auto frame = picture(static_cast<uint8_t>(i * 30));
+        ASSERT_EQ(s.mux.PostImgBuffer(frame.data(), static_cast<int>(frame.size()), t += 50, CMux::kI420), 1);
+        EXPECT_EQ(s.mux.OnMux(), 0);
+    }
+    EXPECT_EQ(s.mux.droppedFrames(), 3u);     // not encoded: nothing new behind the backlog
+    // The peer catches up; the next frame is encoded, as a key frame.
+    std::string got;
+    for (int i = 0; i < 10000 && s.mux.backlog() > 0; ++i) {
+        got += s.drain();
+        s.mux.OnSend(nullptr, 0);
+    }
+    got += s.drain();
+    ASSERT_EQ(got.size(), stuck.size());
+    const auto frame = picture(200);
+    ASSERT_EQ(s.mux.PostImgBuffer(frame.data(), static_cast<int>(frame.size()), t += 50, CMux::kI420), 1);
+    EXPECT_EQ(s.mux.OnMux(), 0);
+    EXPECT_EQ(s.mux.droppedFrames(), 3u);
+    const std::string ts = s.drain();
+    ASSERT_GE(ts.size(), 188u);
+    // The frame's first packet carries the random-access indicator of a key frame.
+    bool key = false;
+    for (size_t i = 0; i + 188 <= ts.size() && !key; i += 188) {
+        const auto* p = reinterpret_cast<const unsigned char*>(ts.data() + i);
+        const bool adaptation = (p[3] & 0x20) != 0;
+        key = adaptation && p[4] > 0 && (p[5] & 0x40) != 0;
+    }
+    EXPECT_TRUE(key);
 }
 
 }  // namespace
