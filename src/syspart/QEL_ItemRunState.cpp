@@ -72,13 +72,12 @@ QStringList QEL_ItemRunState::stopMeasuring()
 {
     shell_.stop();
     measurer_.stop();
-    QList<quint64> ids;
     QHash<quint64, Pending> left;
     {
         std::lock_guard<std::mutex> g(pendingMutex_);
         left.swap(pending_);
     }
-    ids = left.keys();
+    QList<quint64> ids = left.keys();
     std::sort(ids.begin(), ids.end());
     QStringList requests;
     for (quint64 id : ids) {

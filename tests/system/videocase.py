@@ -75,28 +75,6 @@ class VideoCase(RuntimeCase):
         return frames
 
 
-def last_pts(path, tail=256 * 1024):
-    """The pts (90 kHz, 33 bits) of the last PES header in the stream file, or None."""
-    with open(path, "rb") as f:
-        f.seek(0, os.SEEK_END)
-        size = f.tell()
-        start = max(0, size - tail)
-        start -= start % 188
-        f.seek(start)
-        data = f.read()
-    found = None
-    for i in range(0, len(data) - 187, 188):
-        p = data[i:i + 188]
-        if p[0] != 0x47 or not p[1] & 0x40:
-            continue
-        at = 4 + (1 + p[4] if p[3] & 0x20 else 0)
-        pes = p[at:]
-        if len(pes) >= 14 and pes[:3] == b"\x00\x00\x01" and pes[7] & 0x80:
-            b = pes[9:14]
-            found = (((b[0] >> 1) & 7) << 30) | (b[1] << 22) | ((b[2] >> 1) << 15) | (b[3] << 7) | (b[4] >> 1)
-    return found
-
-
 def decode_errors(path):
     """What ffmpeg says, at level error, while decoding the whole stream file."""
     r = subprocess.run(["ffmpeg", "-hide_banner", "-v", "error", "-i", path, "-f", "null", "-"],
