@@ -29,7 +29,7 @@ extern "C" {
 // encode.
 //
 // The encoder and muxer live in CMux.cpp, the uploader (query, connection,
-// sending) in CMuxUpload.cpp.
+// sending) in CMuxPushLink.cpp.
 class CMux
 {
 public:
@@ -71,7 +71,7 @@ public:
     int Flush();
     void Release();
 
-    // ---- uploader (CMuxUpload.cpp) ------------------------------------------------
+    // ---- uploader (CMuxPushLink.cpp) ------------------------------------------------
     void Start() { state_ = kQuery; }
     // One step of the uploader; returns how long the push thread may wait
     // before the next step (milliseconds; a posted frame ends the wait early).

@@ -71,7 +71,7 @@ long wanted(const char* data, size_t len)
     return static_cast<long>(headEnd) + 4 + body;
 }
 
-bool parse(const char* data, size_t len, Address& out)
+bool findAddress(const char* data, size_t len, Address& out)
 {
     const std::string_view s = asText(data, len);
     const size_t scheme = s.find("http:");

@@ -35,6 +35,6 @@ long wanted(const char* data, size_t len);
 // The push address in a reply (`len` bytes, no terminator needed). False when
 // there is no "http:", no digit after it, or neither ':' nor '/' after the
 // host.
-bool parse(const char* data, size_t len, Address& out);
+bool findAddress(const char* data, size_t len, Address& out);
 
 }  // namespace pushaddress

@@ -28,8 +28,6 @@
 NetWorkConsole::NetWorkConsole(QObject* parent, const QString& dbPath)
     : QObject(parent)
 {
-    loggedIn = false;
-    secondState = false;
     setItemHost(this);
 
     items[0] = new QEL_ItemNone(this);
@@ -74,6 +72,9 @@ NetWorkConsole::NetWorkConsole(QObject* parent, const QString& dbPath)
 
     // The application hears "/back/" once what its message queued is stored.
     socketInline->setWhenStored([this](std::function<void()> done) { failStore->whenStored(std::move(done)); });
+    connect(socketInline, &QEL_SocketInline::sigMessage, this, &NetWorkConsole::takeApplicationMessage);
+    connect(socketInline, &QEL_SocketInline::sigToApplication, this,
+            [this](const QString& text) { sendInfoToInline(text); });
 
     auto* heart = static_cast<QEL_ItemHeartBeat*>(items[4]);
     connect(socketInfo, &QEL_BaseSocket::sigUp, heart, &QEL_ItemHeartBeat::onLinkUp);
@@ -103,8 +104,8 @@ void NetWorkConsole::stop()
     // What was answered is finished (archives deleted); a tar under way is
     // ended and its partial archive removed, and a look not made now is
     // made at the next start.
-    packerShell.stop();
-    imagePacker.finish();
+    packerShell_.stop();
+    imagePacker_.finish();
     // Run-state reports the application was told about and that are not
     // queued yet are stored as they are.
     const qint64 now = QDateTime::currentMSecsSinceEpoch();
@@ -203,6 +204,24 @@ QEL_BaseItem* NetWorkConsole::routableItem(int number) const
         return nullptr;
     QEL_BaseItem* item = items[number];
     return item->canSend() ? item : nullptr;
+}
+
+QEL_BaseItem* NetWorkConsole::item(int number) const
+{
+    return (number >= 0 && number < kItemCount) ? items[number] : nullptr;
+}
+
+void NetWorkConsole::takeApplicationMessage(int type, const QString& body, const std::function<void()>& handled)
+{
+    QEL_ASSERT_MAIN_THREAD();
+    if (type == 9) {
+        // The cameras' announcement: it queues nothing, so it is handled at once.
+        static_cast<QEL_ItemVideo*>(items[9])->attachAnnounced(body);
+        if (handled)
+            handled();
+        return;
+    }
+    items[type]->Item_fromApplication(body, handled);
 }
 
 void NetWorkConsole::routeReply(int number, const QString& body)

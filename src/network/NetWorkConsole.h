@@ -4,6 +4,7 @@
 #include <QString>
 #include <QStringList>
 #include <atomic>
+#include <functional>
 
 #include "JobRunner.h"
 #include "ShellCommand.h"
@@ -49,7 +50,7 @@ public:
     // Any thread: keep one request text for the next start.
     void saveWithOutSend(const QString& text);
     // Main thread: the 30 s look at the failure history.
-    void refreshFailHistory();
+    void refreshFailHistory() override;
     // Main thread: the server link is lost: tell the application.
     void reportLinkLost() override;
 
@@ -58,6 +59,12 @@ public:
     // The item that may send or receive for `number`, or null (0, 9, out of range).
     QEL_BaseItem* routableItem(int number) const override;
     QEL_BaseItem* catchAllItem() const override { return items[0]; }
+    QEL_BaseItem* item(int number) const override;
+    bool loggedIn() const override { return loggedIn_; }
+    void setLoggedIn(bool loggedIn) override { loggedIn_ = loggedIn; }
+    bool secondState() const override { return secondState_; }
+    JobRunner& imagePacker() override { return imagePacker_; }
+    ShellCommand& packerShell() override { return packerShell_; }
 
     QEL_BaseSocket* infoSocket() override;
     QEL_BaseSocket* fileSocket() override;
@@ -72,12 +79,7 @@ public:
     QEL_ThreadInLine* threadInline = nullptr;
     QEL_FailStore* failStore = nullptr;
     QEL_Inotify* watcher = nullptr;         // the watcher SlotSysChange maps through; none by default
-    JobRunner imagePacker;                  // listing, tar, mv and rm of the image items, in order
-    ShellCommand packerShell;               // the image packer's commands (a running tar ends at the stop)
     QEL_BaseItem* items[kItemCount] = {};
-
-    std::atomic<bool> loggedIn{false};
-    std::atomic<bool> secondState{false};   // read by the alarm-image item; never set
 
 public slots:
     // Directory changes in batches: created images go to their item to be
@@ -86,8 +88,14 @@ public slots:
 
 private:
     void wireServerSocket(QEL_BaseSocket* socket);
+    // Main thread: one message from the application, split by the link.
+    void takeApplicationMessage(int type, const QString& body, const std::function<void()>& handled);
     void queueKept(const QList<struct QEL_QueuedRequest>& kept);
 
+    JobRunner imagePacker_;                 // listing, tar, mv and rm of the image items, in order
+    ShellCommand packerShell_;              // the image packer's commands (a running tar ends at the stop)
+    std::atomic<bool> loggedIn_{false};
+    std::atomic<bool> secondState_{false};  // read by the alarm-image item; never set
     QStringList inlineHeld_;    // texts waiting for the application link to come up
     bool stopped_ = false;
 };

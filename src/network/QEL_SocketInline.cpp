@@ -1,20 +1,11 @@
 #include "QEL_SocketInline.h"
 
-#include <sys/ipc.h>
-#include <sys/shm.h>
-
 #include <QTimer>
 #include <cstring>
 
 #include <glog/logging.h>
 
-#include "MemoryInfo.h"
-#include "NetWorkConsole.h"
-#include "QEL_BaseItem.h"
-#include "QEL_ItemVideo.h"
-#include "QEL_Semaphore.h"
 #include "RetError.h"
-#include "globals.h"
 
 namespace {
 const int kInlineReadBuffer = 65535;
@@ -81,7 +72,7 @@ void QEL_SocketInline::acknowledge(quint64 ack, bool stored)
         LOG(INFO) << "savefail:" << "(acknowledged, not yet stored: the failure history has not committed for "
                   << kAckBoundMs / 1000 << " s; the request stays queued)";
     }
-    gConsole->sendInfoToInline(appBack_.BackReply(SendType(0)));
+    emit sigToApplication(appBack_.BackReply(SendType(0)));
 }
 
 int QEL_SocketInline::splitMessage(const QString& message, int& type, QString& body)
@@ -101,86 +92,20 @@ int QEL_SocketInline::splitMessage(const QString& message, int& type, QString& b
     return RET_OK;
 }
 
-int QEL_SocketInline::ParsingAndSend(const QString& message, const std::function<void()>& handled)
+void QEL_SocketInline::ParsingAndSend(const QString& message, const std::function<void()>& handled)
 {
     int type = 0;
     QString body;
-    const int r = splitMessage(message, type, body);
-    if (r != RET_OK) {
+    if (splitMessage(message, type, body) != RET_OK) {
         if (handled)
             handled();
-        return r;
+        return;
     }
-
-    if (type == 9) {
+    if (type == 9)
         LOG(INFO) << "Inline:" << 9 << "(sharedMemory get ready)";
-        const int shared = OperaSharedMemory(body);
-        if (handled)
-            handled();
-        return shared;
-    }
-
-    gConsole->items[type]->Item_fromApplication(body, handled);
-    LOG(INFO) << "Inline:" << type << "(get info from application)";
-    return RET_OK;
-}
-
-int QEL_SocketInline::OperaSharedMemory(const QString& body)
-{
-    if (sharedMemoryStarted)
-        return RET_VIDEO_ALREADY;
-    QList<CameraAnnounce> cameras;
-    if (!memoryinfo::parse(body.toUtf8(), cameras))
-        return RET_BAD_APP_JSON;
-
-    auto* video = static_cast<QEL_ItemVideo*>(gConsole->items[9]);
-    for (const CameraAnnounce& c : cameras) {
-        VideoPushInfo push;
-        if (!attachCamera(c, push))
-            continue;       // not the application's buffers: no push, no log line
-        push.mux = video->CreateMux(c.cameraid, c.width, c.height, 1000000, 20);
-        video->pushList.append(push);
-    }
-    video->StartCopy();
-    sharedMemoryStarted = true;
-    return RET_OK;
-}
-
-bool QEL_SocketInline::attachCamera(const CameraAnnounce& camera, VideoPushInfo& push)
-{
-    if (!camera.usable)
-        return false;
-    // Looked up, never created: a camera that does not match leaves nothing
-    // behind. The segment must hold the frame size announced.
-    const int shmid = shmget(ftok("/tmp", camera.shmProject), 0, 0);
-    if (shmid == -1 || shmid != camera.shmid)
-        return false;
-    shmid_ds info{};
-    if (shmctl(shmid, IPC_STAT, &info) != 0 || info.shm_segsz < static_cast<size_t>(camera.size))
-        return false;
-    if (!memoryinfo::frameFits(camera, info.shm_segsz)) {
-        // Every frame would be allocated at the announced size, whatever the
-        // segment really holds.
-        LOG(INFO) << "video:" << camera.cameraid << "(frames of " << camera.width << "x" << camera.height
-                  << " refused: larger than " << memoryinfo::kMaxSide << "x" << memoryinfo::kMaxSide
-                  << " or than the segment's " << info.shm_segsz << " bytes hold)";
-        return false;
-    }
-    void* memory = shmat(shmid, nullptr, 0);
-    if (memory == reinterpret_cast<void*>(-1))
-        return false;
-    auto* semaphore = new QEL_Semaphore(ftok("/tmp", camera.semProject));
-    const int semid = semaphore->get_sem();
-    if (semid == -1 || semid != camera.semid) {
-        delete semaphore;
-        shmdt(memory);
-        return false;
-    }
-    push.cameraid = camera.cameraid;
-    push.sharedMemory = static_cast<char*>(memory);
-    push.size = camera.size;
-    push.semaphore = semaphore;
-    return true;
+    emit sigMessage(type, body, handled);
+    if (type != 9)
+        LOG(INFO) << "Inline:" << type << "(get info from application)";
 }
 
 QEL_ThreadInLine::QEL_ThreadInLine(QObject* parent)

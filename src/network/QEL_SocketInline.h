@@ -7,11 +7,8 @@
 #include "QEL_BaseSocket.h"
 #include "QEL_BaseThread.h"
 
-struct CameraAnnounce;
-struct VideoPushInfo;
-
 // The link to the inspection application on 127.0.0.1:8890. One TCP read is
-// one message "<type>:<field>:..!<body>"; every read is acknowledged with a
+// one message "<type>:<field>:..!<body>", handed on as sigMessage; every read is acknowledged with a
 // "/back/" notice once what it queued is stored (acknowledged means kept
 // across a crash), or after kAckBoundMs if the store cannot commit: the
 // application is then not held up, and the log says so once per episode.
@@ -29,24 +26,24 @@ public:
     void setWhenStored(WhenStored whenStored) { whenStored_ = std::move(whenStored); }
 
     int Init() override;
-    // `handled` runs once what the message leads to is queued.
-    int ParsingAndSend(const QString& message, const std::function<void()>& handled = {});
+    // Splits one message and emits it; a message that does not parse is
+    // dropped quietly. `handled` runs once what the message leads to is queued.
+    void ParsingAndSend(const QString& message, const std::function<void()>& handled = {});
     // The message grammar alone: RET_OK with type and body, RET_MALFORMED
     // (separator or head not exactly two parts) or RET_TYPE_RANGE.
     static int splitMessage(const QString& message, int& type, QString& body);
-    // Type 9: attaches the announced camera buffers and starts their pushes,
-    // once per process. 9 when done before, 14 when the body is unusable.
-    int OperaSharedMemory(const QString& body);
 
-    bool sharedMemoryStarted = false;
+signals:
+    // Main thread, connected directly: one message of type 0..20. The
+    // receiver calls `handled` (if set) once what it leads to is queued.
+    void sigMessage(int type, const QString& body, const std::function<void()>& handled);
+    // A text for the application (the "/back/" notices).
+    void sigToApplication(const QString& text);
 
 public slots:
     void SlotRecvData() override;
 
 private:
-    // The camera's segment and semaphore, when their ids are the announced ones.
-    static bool attachCamera(const CameraAnnounce& camera, VideoPushInfo& push);
-
     // Main thread: a "/back/" owed for one message; the returned function
     // says its message has been handled (queued).
     std::function<void()> owedAcknowledgement();

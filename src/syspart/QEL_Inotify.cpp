@@ -7,9 +7,8 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
-#include "NetWorkConsole.h"
+#include "QEL_ItemHost.h"
 #include "QEL_BaseItem.h"
-#include "globals.h"
 
 namespace {
 const int kQuietMs = 1000;
@@ -70,8 +69,8 @@ void QEL_Inotify::addWatch(const QStringList& dirs)
 
 void QEL_Inotify::Init()
 {
-    addWatch(gConsole->items[5]->workList);
-    addWatch(gConsole->items[6]->workList);
+    addWatch(itemHost()->item(5)->workList);
+    addWatch(itemHost()->item(6)->workList);
     start(QThread::InheritPriority);
 }
 

@@ -12,7 +12,7 @@
 
 #include "CHttpEndpoints.h"
 #include "ImagePacking.h"
-#include "NetWorkConsole.h"
+#include "QEL_ItemHost.h"
 #include "QEL_BaseSocket.h"
 #include "QEL_BaseThread.h"
 #include "QEL_SQLConf.h"
@@ -70,10 +70,10 @@ QEL_ItemAlarmImage::QEL_ItemAlarmImage(QObject* parent, int type, const QString&
 
 RetError QEL_ItemAlarmImage::Item_Init()
 {
-    socket = gConsole->socketFile;
-    thread = gConsole->threadFile;
-    packer_ = &gConsole->imagePacker;
-    shell_ = &gConsole->packerShell;
+    socket = itemHost()->fileSocket();
+    thread = itemHost()->fileThread();
+    packer_ = &itemHost()->imagePacker();
+    shell_ = &itemHost()->packerShell();
     workList = imageDirs();
     // Start-up does not wait for the packing.
     packer_->post([this] { look(true); });
@@ -146,7 +146,7 @@ void QEL_ItemAlarmImage::look(bool atStart)
             recent_ = parsePackedList(packed.readAll());
     }
     QDateTime since;
-    if (!atStart && gConsole->secondState)
+    if (!atStart && itemHost()->secondState())
         since = defaultMoment();
     else
         Item_GetTimeFile(since);
@@ -410,7 +410,7 @@ bool QEL_ItemAlarmImage::streamFile(QFile& file)
 RetError QEL_ItemAlarmImage::Item_NetErrorOperate(RetError, const QString& path)
 {
     if (thread->queue.giveUp(path)) {
-        gConsole->sendInfoToInline(path);
+        itemHost()->sendInfoToInline(path);
         runShell(QString("mv -f %1 %2").arg(shellQuote(path), shellQuote(failDir)));
     }
     socket->reserved = -1;

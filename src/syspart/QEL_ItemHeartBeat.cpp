@@ -7,10 +7,9 @@
 
 #include "CHttpEndpoints.h"
 #include "CHttp_AppBack.h"
-#include "NetWorkConsole.h"
+#include "QEL_ItemHost.h"
 #include "QEL_BaseSocket.h"
 #include "QEL_BaseThread.h"
-#include "globals.h"
 
 bool heartAcknowledged(qint64 nowMs, qint64 lastHeartMs, bool connected)
 {
@@ -44,11 +43,11 @@ void QEL_ItemHeartBeat::timerEvent(QTimerEvent* event)
 {
     const QString name = timers.value(event->timerId(), "null");
     if (name == "timer_heart") {
-        if (gConsole->loggedIn && isChkHeartBack())
+        if (itemHost()->loggedIn() && isChkHeartBack())
             sendHeart();
     } else if (name == "timer_savefail") {
         LOG(INFO) << "savefail:" << "(update info_failhistory ok)";
-        gConsole->refreshFailHistory();
+        itemHost()->refreshFailHistory();
     }
     QEL_BaseItem::timerEvent(event);
 }
@@ -76,7 +75,7 @@ void QEL_ItemHeartBeat::sendHeart()
     if (!socket->writeNow(request.toUtf8()))
         return;
     CHttp_AppBack back;
-    gConsole->sendInfoToInline(back.BackHeart());
+    itemHost()->sendInfoToInline(back.BackHeart());
     LOG(INFO) << "heart:" << "(send to service and application ok)";
 }
 
@@ -105,7 +104,7 @@ RetError QEL_ItemHeartBeat::Item_NetErrorOperate(RetError error, const QString& 
             lastHeart = QDateTime::currentDateTimeUtc();
             sendHeart();
         } else {
-            gConsole->reportLinkLost();
+            itemHost()->reportLinkLost();
         }
     }, QString(), true);
     return RET_OK;

@@ -3,9 +3,8 @@
 #include <glog/logging.h>
 
 #include "CHttpEndpoints.h"
-#include "NetWorkConsole.h"
+#include "QEL_ItemHost.h"
 #include "QEL_BaseThread.h"
-#include "globals.h"
 
 QEL_ItemLoad::QEL_ItemLoad(QObject* parent)
     : QEL_BaseItem(parent)
@@ -32,7 +31,7 @@ RetError QEL_ItemLoad::Item_NetRecvOperate(const QString& body)
 {
     QString code;
     CHttpBase::getBuffItem(body, "code", code);
-    gConsole->loggedIn = (code == "0");
+    itemHost()->setLoggedIn(code == "0");
     return QEL_BaseItem::Item_NetRecvOperate(body);
 }
 

@@ -3,6 +3,7 @@
 #include <QDateTime>
 #include <QTimerEvent>
 
+#include <sys/ipc.h>
 #include <sys/shm.h>
 
 #include <atomic>
@@ -11,6 +12,7 @@
 
 #include <glog/logging.h>
 
+#include "MemoryInfo.h"
 #include "MuxThread.h"
 #include "QEL_SQLConf.h"
 #include "QEL_Semaphore.h"
@@ -147,10 +149,68 @@ RetError QEL_ItemVideo::Item_Init()
 
 void QEL_ItemVideo::Item_fromApplication(const QString&, const Handled& handled)
 {
-    // The application announces video with its own message type, handled
-    // by the application link; there is nothing to send for item 9.
+    // Type 9 is the cameras' announcement (attachAnnounced); there is
+    // nothing to send for item 9.
     if (handled)
         handled();
+}
+
+int QEL_ItemVideo::attachAnnounced(const QString& body)
+{
+    QEL_ASSERT_MAIN_THREAD();
+    if (announced_)
+        return RET_VIDEO_ALREADY;
+    QList<CameraAnnounce> cameras;
+    if (!memoryinfo::parseAnnouncement(body.toUtf8(), cameras))
+        return RET_BAD_APP_JSON;
+
+    for (const CameraAnnounce& c : cameras) {
+        VideoPushInfo push;
+        if (!attachCamera(c, push))
+            continue;       // not the application's buffers: no push, no log line
+        push.mux = CreateMux(c.cameraid, c.width, c.height, 1000000, 20);
+        pushList.append(push);
+    }
+    StartCopy();
+    announced_ = true;
+    return RET_OK;
+}
+
+bool QEL_ItemVideo::attachCamera(const CameraAnnounce& camera, VideoPushInfo& push)
+{
+    if (!camera.usable)
+        return false;
+    // Looked up, never created: a camera that does not match leaves nothing
+    // behind. The segment must hold the frame size announced.
+    const int shmid = shmget(ftok("/tmp", camera.shmProject), 0, 0);
+    if (shmid == -1 || shmid != camera.shmid)
+        return false;
+    shmid_ds info{};
+    if (shmctl(shmid, IPC_STAT, &info) != 0 || info.shm_segsz < static_cast<size_t>(camera.size))
+        return false;
+    if (!memoryinfo::frameFits(camera, info.shm_segsz)) {
+        // Every frame would be allocated at the announced size, whatever the
+        // segment really holds.
+        LOG(INFO) << "video:" << camera.cameraid << "(frames of " << camera.width << "x" << camera.height
+                  << " refused: larger than " << memoryinfo::kMaxSide << "x" << memoryinfo::kMaxSide
+                  << " or than the segment's " << info.shm_segsz << " bytes hold)";
+        return false;
+    }
+    void* memory = shmat(shmid, nullptr, 0);
+    if (memory == reinterpret_cast<void*>(-1))
+        return false;
+    auto* semaphore = new QEL_Semaphore(ftok("/tmp", camera.semProject));
+    const int semid = semaphore->get_sem();
+    if (semid == -1 || semid != camera.semid) {
+        delete semaphore;
+        shmdt(memory);
+        return false;
+    }
+    push.cameraid = camera.cameraid;
+    push.sharedMemory = static_cast<char*>(memory);
+    push.size = camera.size;
+    push.semaphore = semaphore;
+    return true;
 }
 
 MuxThread* QEL_ItemVideo::CreateMux(int cameraid, int width, int height, int bit_rate, int fps_)

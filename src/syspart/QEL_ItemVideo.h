@@ -8,6 +8,7 @@
 
 #include "QEL_BaseItem.h"
 
+struct CameraAnnounce;
 class MuxThread;
 class QEL_ItemVideo;
 class QEL_Semaphore;
@@ -66,6 +67,10 @@ public:
     RetError Item_Init() override;
     void Item_fromApplication(const QString& body, const Handled& handled) override;
 
+    // Main thread. Type 9: attaches the announced camera buffers and starts
+    // their pushes, once per process. 9 when done before, 14 when the body
+    // is unusable.
+    int attachAnnounced(const QString& body);
     // Main thread. A push thread for one camera, started and unpaused.
     MuxThread* CreateMux(int cameraid, int width, int height, int bit_rate, int fps);
     // Main thread. Starts copying frames; 10 when there is nothing to copy.
@@ -79,6 +84,10 @@ public:
     int fps = 0;
 
 private:
+    // The camera's segment and semaphore, when their ids are the announced ones.
+    static bool attachCamera(const CameraAnnounce& camera, VideoPushInfo& push);
+
     QEL_ItemVideoThreadCopy* copy_;
+    bool announced_ = false;
     int copyTimer_ = 0;
 };

@@ -1,15 +1,14 @@
 #include "QEL_SimpleItems.h"
 
-#include "NetWorkConsole.h"
+#include "QEL_ItemHost.h"
 #include "QEL_BaseSocket.h"
-#include "globals.h"
 
 #include <glog/logging.h>
 
 RetError QEL_ItemDelTemp::Item_Init()
 {
-    socket = gConsole->socketFile;
-    thread = gConsole->threadInfo;
+    socket = itemHost()->fileSocket();
+    thread = itemHost()->infoThread();
     return RET_OK;
 }
 
@@ -40,7 +39,7 @@ RetError QEL_QueryItem<Builder, Number>::Item_NetRecvOperate(const QString& body
     if (QEL_BaseItem::Item_NetRecvOperate(body) != RET_OK)
         return RET_OK;
     this->http->repaceBuff(body);
-    gConsole->sendInfoToInline(this->http->getHttp());
+    itemHost()->sendInfoToInline(this->http->getHttp());
     return RET_OK;
 }
 

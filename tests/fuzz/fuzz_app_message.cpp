@@ -22,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         __builtin_trap();
     if (type == 9) {
         QList<CameraAnnounce> cameras;
-        memoryinfo::parse(body.toUtf8(), cameras);
+        memoryinfo::parseAnnouncement(body.toUtf8(), cameras);
     } else if (type == 19) {
         QString out;
         composeRunStateBody(body, RunStateSample{}, out);

@@ -7,7 +7,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     QList<CameraAnnounce> cameras;
-    memoryinfo::parse(QByteArray(reinterpret_cast<const char*>(data), static_cast<int>(size)), cameras);
+    memoryinfo::parseAnnouncement(QByteArray(reinterpret_cast<const char*>(data), static_cast<int>(size)), cameras);
     for (const CameraAnnounce& c : cameras) {
         // A usable camera can be attached and pushed: its numbers are sane.
         if (c.usable && (c.size <= 0 || c.width <= 0 || c.height <= 0 || c.cameraid < 0 || c.shmProject <= 0))

@@ -15,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (whole >= 0 && static_cast<size_t>(whole) < size)
         size = static_cast<size_t>(whole);
     pushaddress::Address a;
-    if (pushaddress::parse(reply, size, a)) {
+    if (pushaddress::findAddress(reply, size, a)) {
         if (a.host.size() > pushaddress::kMaxHost || a.path.size() > pushaddress::kMaxPath)
             __builtin_trap();
         a.usable();

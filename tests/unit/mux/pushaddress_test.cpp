@@ -46,7 +46,7 @@ TEST(PushAddress, FindsHostPortAndPathWhereverTheServerPutsThem)
     for (const AddressCase& c : cases) {
         SCOPED_TRACE(c.name);
         pushaddress::Address a;
-        ASSERT_EQ(pushaddress::parse(c.reply.data(), c.reply.size(), a), c.found);
+        ASSERT_EQ(pushaddress::findAddress(c.reply.data(), c.reply.size(), a), c.found);
         if (!c.found)
             continue;
         EXPECT_EQ(a.host, c.host);

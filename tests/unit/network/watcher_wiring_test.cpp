@@ -62,7 +62,7 @@ QString writeConfig(const QTemporaryDir& dir)
 void waitForPacker(NetWorkConsole& console)
 {
     std::atomic<bool> done{false};
-    console.imagePacker.post([&done] { done = true; });
+    console.imagePacker().post([&done] { done = true; });
     QElapsedTimer t;
     t.start();
     while (!done && t.elapsed() < 10000)

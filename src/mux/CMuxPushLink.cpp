@@ -245,7 +245,7 @@ int CMux::GetCdn()
     ::close(fd);
 
     pushaddress::Address found;
-    if (!pushaddress::parse(reply, got, found))
+    if (!pushaddress::findAddress(reply, got, found))
         return 0;
     char line[700] = {};
     std::snprintf(line, sizeof line, "cdnip:%s cdn_port:%d suffix:%s\r\n\r\n", found.host.c_str(), found.port,

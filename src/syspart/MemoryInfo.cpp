@@ -48,7 +48,7 @@ bool frameFits(const CameraAnnounce& camera, unsigned long long segmentBytes)
     return w * h + 2 * ((w + 1) / 2) * ((h + 1) / 2) <= segmentBytes;
 }
 
-bool parse(const QByteArray& body, QList<CameraAnnounce>& cameras)
+bool parseAnnouncement(const QByteArray& body, QList<CameraAnnounce>& cameras)
 {
     cameras.clear();
     cJSON* root = oxa_json_parse(body.constData());

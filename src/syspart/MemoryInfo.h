@@ -29,7 +29,7 @@ namespace memoryinfo {
 
 // False when the body is not JSON or has no "memoryinfo" array; otherwise
 // every element, usable or not, in order.
-bool parse(const QByteArray& body, QList<CameraAnnounce>& cameras);
+bool parseAnnouncement(const QByteArray& body, QList<CameraAnnounce>& cameras);
 
 // The largest frame side taken (8192 x 8192 frames at most).
 const int kMaxSide = 8192;

@@ -32,7 +32,7 @@ TEST(MemoryInfo, ElementsAreUsableOnlyWhenCompleteAndInRange)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         QList<CameraAnnounce> cameras;
-        ASSERT_TRUE(memoryinfo::parse(QByteArray::fromStdString("{\"memoryinfo\":[" + c.element + "," + good + "]}"),
+        ASSERT_TRUE(memoryinfo::parseAnnouncement(QByteArray::fromStdString("{\"memoryinfo\":[" + c.element + "," + good + "]}"),
                                       cameras));
         ASSERT_EQ(cameras.size(), 2);
         EXPECT_EQ(cameras[0].usable, c.usable);
@@ -40,18 +40,18 @@ TEST(MemoryInfo, ElementsAreUsableOnlyWhenCompleteAndInRange)
     }
 
     QList<CameraAnnounce> cameras;
-    ASSERT_TRUE(memoryinfo::parse(QByteArray("{\"memoryinfo\":[") + good + "]}", cameras));
+    ASSERT_TRUE(memoryinfo::parseAnnouncement(QByteArray("{\"memoryinfo\":[") + good + "]}", cameras));
     const CameraAnnounce& c = cameras[0];
     EXPECT_EQ((std::vector<int>{c.shmid, c.semid, c.cameraid, c.size, c.width, c.height, c.fps, c.shmProject, c.semProject}),
               (std::vector<int>{5, 6, 12, 1966080, 1280, 1024, 20, 10012, 20012}));
 
     for (const char* body : {"", "not json", "{}", "{\"memoryinfo\":{}}", "[1,2]"}) {
         SCOPED_TRACE(body);
-        EXPECT_FALSE(memoryinfo::parse(QByteArray(body), cameras));
+        EXPECT_FALSE(memoryinfo::parseAnnouncement(QByteArray(body), cameras));
     }
-    ASSERT_TRUE(memoryinfo::parse(QByteArray("{\"memoryinfo\":[]}"), cameras));
+    ASSERT_TRUE(memoryinfo::parseAnnouncement(QByteArray("{\"memoryinfo\":[]}"), cameras));
     EXPECT_TRUE(cameras.isEmpty());
-    ASSERT_TRUE(memoryinfo::parse(QByteArray("{\"MemoryInfo\":[") + good + "]}", cameras));
+    ASSERT_TRUE(memoryinfo::parseAnnouncement(QByteArray("{\"MemoryInfo\":[") + good + "]}", cameras));
     EXPECT_EQ(cameras.size(), 1);
 }
 
