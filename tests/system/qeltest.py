@@ -1,367 +1,300 @@
-"""Harness for the agent's system tests: the real qel_net binary runs inside the
-private namespaces of nsrun.py (loopback only, tmpfs over /root/bin-AOI), and
-Agent.start() refuses to run anywhere else."""
+"""Harness of the system tests: the real qel_net binary inside the private
+namespaces of nsrun.py (Agent.start() refuses to run anywhere else), between
+the simulators of tools/: the server on free loopback ports, the application
+on the fixed port 8890, cameras in System V shared memory, a CDN sink."""
 
+import collections
 import ctypes
-import fcntl
+import io
+import json
 import os
 import re
 import shutil
 import signal
-import socket
 import sqlite3
-import struct
 import subprocess
 import sys
+import tarfile
 import tempfile
 import time
 import unittest
 from contextlib import closing
 
-SRC = os.environ.get("QEL_SOURCE_DIR") or os.path.dirname(os.path.dirname(
-    os.path.dirname(os.path.abspath(__file__))))
-BIN = os.environ.get("QEL_NET_BIN") or (
-    os.path.join(os.environ["QEL_BINARY_DIR"], "qel_net") if os.environ.get("QEL_BINARY_DIR") else None)
+SRC = os.environ.get("QEL_SOURCE_DIR") or os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+BIN = os.environ.get("QEL_NET_BIN") or os.path.join(os.environ.get("QEL_BINARY_DIR", SRC + "/build/qt6"), "qel_net")
+sys.path.insert(0, os.path.join(SRC, "tools"))
 
-_TOOLS = os.path.join(SRC, "tools")
-if _TOOLS not in sys.path:
-    sys.path.insert(0, _TOOLS)
+from qel_app_sim import AppSim, Camera, announcement, shm_key, write_images, _sysv  # noqa: E402
+from qel_cdn_sink import CdnSink  # noqa: E402
+from qel_config import DEFAULT_KEYS, DEFAULT_TREE, make_db  # noqa: E402,F401
+from qel_server_sim import ServerSim  # noqa: E402
 
-from qel_app_sim import AppSim, Camera  # noqa: E402  (re-exported for tests)
-from qel_cdn_sink import CdnSink        # noqa: E402
-from qel_server_sim import ServerSim    # noqa: E402
-from qel_config import DEFAULT_KEYS, DEFAULT_TREE, SYSCONF_CREATE, make_db  # noqa: E402,F401
-
-TEST_HOST_NAME = "qel-test-host"
-BANNER = "version:1.0.2 release"
-STATUS_SUCCESS = "config success"
-STATUS_OPEN_ERROR = "config.SQL open error"
-STATUS_INCOMPLETE = "The data is incomplete"
-FALLBACK_LOG_DIR = "./qel_net/qel_log"
-
-# Qt's complaints about objects, timers and sockets touched from a thread
-# that does not own them, and sanitizer reports: regular expressions searched in stderr.
-QT_THREAD_WARNING_PATTERNS = [
-    r"Cannot create children for a parent that is in a different thread",
-    r"Cannot set parent, new parent is in a different thread",
-    r"Cannot send events to objects owned by a different thread",
-    r"Timers cannot be started from another thread", r"Timers cannot be stopped from another thread",
-    r"Timers can only be used with threads started with QThread",
-    r"QObject::startTimer", r"QObject::killTimer", r"QBasicTimer",
-    r"Socket notifiers cannot be enabled or disabled from another thread",
-    r"QSocketNotifier", r"moveToThread", r"Cannot queue arguments of type",
-    r"QThread: Destroyed while thread is still running", r"QMutex: destroying locked mutex",
-]
-SANITIZER_PATTERNS = [r"ERROR: AddressSanitizer", r"runtime error:", r"LeakSanitizer", r"ThreadSanitizer"]
+APP_PORT = 8890
+HOST = "qel-test-host"
+STATS = "/vmu/device/monitor/statistics/upload"
+ALARM, TEMPLATE = 5, 6
+ITEM_DIR = {ALARM: "qel_alarmimage", TEMPLATE: "qel_tempimage"}
+IMAGE_UPLOAD = "/videowatch/uploadImg/saveTarGz/" + HOST
+ARCHIVE_NAME = re.compile(r"^Tar_(\d{17})_(\d+)\.tar\.gz$")
+_SENT_ARCHIVE = re.compile(r'^"(/[^"\n]*\.tar\.gz)"$', re.M)   # the console's line before an upload
+# Qt's complaints about objects used from a thread that does not own them, and sanitizer reports.
+BAD_STDERR = re.compile(r"different thread|another thread|QObject::(start|kill)Timer|QBasicTimer|QSocketNotifier|"
+                        r"moveToThread|Cannot queue arguments|Destroyed while thread|destroying locked mutex|"
+                        r"AddressSanitizer|runtime error:|LeakSanitizer")
 
 
-def free_port():
-    """A TCP port on 127.0.0.1 that was free a moment ago."""
-    with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
-
-
-def _query(db, sql):
-    """All rows of `sql` as tuples, read through a read-only connection."""
-    if not os.path.exists(db):
-        raise FileNotFoundError(db)
+def query(db, sql):
     with closing(sqlite3.connect("file:%s?mode=ro" % os.path.abspath(db), uri=True, timeout=5)) as con:
         return [tuple(r) for r in con.execute(sql)]
 
 
-def table_names(db):
-    return sorted(r[0] for r in _query(db, "select name from sqlite_master where type='table'"))
-
-
 def read_sysconf(db):
-    """[(key, value, description)] in row order."""
-    return _query(db, "select 信息名称, 值, 描述 from info_sysconf order by rowid")
+    return query(db, "select 信息名称, 值, 描述 from info_sysconf order by rowid")
 
 
 def read_failhistory(db):
     """[(ms, text)] in row order; [] when the table does not exist."""
-    if "info_failhistory" not in table_names(db):
+    if not query(db, "select 1 from sqlite_master where name='info_failhistory'"):
         return []
-    return _query(db, "select 发送时间, 内容 from info_failhistory order by rowid")
+    return query(db, "select 发送时间, 内容 from info_failhistory order by rowid")
 
 
-def sysconf_value(db, key):
-    return next((v for k, v, _ in read_sysconf(db) if k == key), None)
+def seed_failhistory(db, texts, ms=1700000000000):
+    with closing(sqlite3.connect(db)) as con:
+        con.execute("CREATE TABLE IF NOT EXISTS info_failhistory(发送时间 BIGINT NOT NULL,内容 TEXT NOT NULL)")
+        con.executemany("insert into info_failhistory values (?, ?)", [(ms, t) for t in texts])
+        con.commit()
 
 
-def isolation_problems():
-    """Reasons why running the agent here would be unsafe ([] when safe)."""
-    problems = []
-    if os.environ.get("QEL_IN_NS") != "1":
-        problems.append("not started through tests/system/nsrun.py (QEL_IN_NS unset)")
-    try:
-        if os.readlink("/proc/self/ns/net") == os.readlink("/proc/1/ns/net"):
-            problems.append("same network namespace as process 1")
-    except OSError:
-        pass
-    try:
-        with open("/proc/net/route") as f:
-            for fields in (line.split() for line in f.readlines()[1:]):
-                if len(fields) > 7 and fields[1] == "00000000" and fields[7] == "00000000":
-                    problems.append("default route via %s" % fields[0])
-    except OSError as e:
-        problems.append("cannot read routes: %s" % e)
-    try:
-        # /proc/net follows the network namespace; /sys/class/net need not.
-        with open("/proc/net/dev") as f:
-            names = [line.split(":", 1)[0].strip() for line in f.readlines()[2:] if ":" in line]
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
-            for name in names:
-                req = struct.pack("16sH", name.encode()[:15], 0)
-                flags = struct.unpack("16sH", fcntl.ioctl(s.fileno(), 0x8913, req)[:18])[1]  # SIOCGIFFLAGS
-                if name != "lo" and flags & 0x1:    # IFF_UP
-                    problems.append("interface %s is up" % name)
-    except OSError as e:
-        problems.append("cannot read interfaces: %s" % e)
-    return problems
+def request_text(path, session, body, port):
+    """A request exactly as the agent writes it to the information port."""
+    return ("POST %s HTTP/1.1\r\nContent-type: application/json\r\nConnection: keep-alive\r\n"
+            "SessionId: %d\r\nUser-Agent: INFO\r\nContent-Length: %d\r\nHost: 127.0.0.1:%d\r\n\r\n%s"
+            % (path, session, len(body.encode("utf-8")), port, body))
+
+
+def isolated():
+    return os.environ.get("QEL_IN_NS") == "1" and os.readlink("/proc/self/ns/net") != os.environ.get("QEL_HOST_NETNS")
 
 
 def default_tree_is_private():
-    """True when /root/bin-AOI is the tmpfs that nsrun.py mounted (the topmost mount there)."""
-    if isolation_problems():
-        return False
-    fs = None
-    try:
-        with open("/proc/self/mountinfo") as f:
-            for line in f:
-                left, _, right = line.partition(" - ")
-                if left.split()[4] == DEFAULT_TREE:
-                    fs = right.split()[0]
-    except (OSError, IndexError):
-        return False
-    return fs == "tmpfs"
+    """True when /root/bin-AOI is the tmpfs that nsrun.py mounted."""
+    with open("/proc/self/mountinfo") as f:
+        fs = [l.partition(" - ")[2].split()[0] for l in f if l.split()[4] == DEFAULT_TREE]
+    return isolated() and fs[-1:] == ["tmpfs"]
 
 
 def clear_default_tree():
-    """Empty the private /root/bin-AOI between default-configuration runs."""
     if not default_tree_is_private():
         raise RuntimeError("refusing to touch %s outside the test namespace" % DEFAULT_TREE)
     for name in os.listdir(DEFAULT_TREE):
         p = os.path.join(DEFAULT_TREE, name)
-        if os.path.isdir(p) and not os.path.islink(p):
-            shutil.rmtree(p)
-        else:
-            os.remove(p)
+        shutil.rmtree(p) if os.path.isdir(p) and not os.path.islink(p) else os.remove(p)
 
 
-_prctl = getattr(ctypes.CDLL(None, use_errno=True), "prctl", None)
+def members_of(data):
+    with tarfile.open(fileobj=io.BytesIO(data), mode="r:gz") as tf:
+        return {m.name: tf.extractfile(m).read() for m in tf if m.isfile()}
 
 
-def _die_with_parent():
-    if _prctl is not None:
-        _prctl(1, signal.SIGKILL)   # PR_SET_PDEATHSIG: a killed test run leaves no agent behind
+def make_archive(path, members, mtime=None):
+    """A tar.gz of (name, bytes) members as an earlier run would have left it."""
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    with tarfile.open(path, "w:gz") as tf:
+        for name, data in members:
+            info = tarfile.TarInfo(name)
+            info.size = len(data)
+            tf.addfile(info, io.BytesIO(data))
+    if mtime is not None:
+        os.utime(path, (mtime, mtime))
+    return path
 
 
-def _tail(text, lines=40):
-    return "\n".join(text.splitlines()[-lines:])
+def child_pids(pid):
+    """Children of `pid`: for the agent, the shells of its tar, mv, rm and top."""
+    found = []
+    for entry in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            with open("/proc/%s/stat" % entry) as f:
+                if int(f.read().rsplit(")", 1)[1].split()[1]) == pid:
+                    found.append(int(entry))
+        except (OSError, IndexError):
+            pass
+    return found
+
+
+def decoded_frames(path):
+    """The video frames ffprobe decodes from a stream file (pts, key_frame, size)."""
+    r = subprocess.run(["ffprobe", "-v", "error", "-of", "json", "-select_streams", "v:0", "-show_streams",
+                        "-show_frames", "-show_entries", "frame=pts,key_frame,width,height:stream=codec_name",
+                        path], stdout=subprocess.PIPE, stderr=subprocess.PIPE, universal_newlines=True, timeout=60)
+    if r.returncode != 0:
+        raise AssertionError("ffprobe %s: %s" % (path, r.stderr[-2000:]))
+    out = json.loads(r.stdout)
+    return [dict(f, codec=out["streams"][0]["codec_name"]) for f in out.get("frames", [])]
+
+
+def decode_errors(path):
+    r = subprocess.run(["ffmpeg", "-hide_banner", "-v", "error", "-i", path, "-f", "null", "-"],
+                       stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, universal_newlines=True, timeout=120)
+    return r.stderr.strip() if r.returncode == 0 else (r.stderr.strip() or "exit status %d" % r.returncode)
+
+
+def segment_exists(camera):
+    return _sysv().shmget(shm_key(camera), 0, 0) != -1
+
+
+_prctl = ctypes.CDLL(None, use_errno=True).prctl
 
 
 class Agent:
-    """One run of the agent binary in `workdir` (args default to [db]). Its glog
-    files are looked for in log_dir, else in the database's "logpath" and in
-    ./qel_net/qel_log. The agent dies with the thread that started it."""
-
+    """One run of the binary in `workdir`; it dies with the test (PR_SET_PDEATHSIG)."""
     _count = 0
 
-    def __init__(self, workdir, args=None, db=None, log_dir=None, umask=None):
+    def __init__(self, workdir, args=None, db=None, log_dir=None):
         self.workdir = os.path.abspath(workdir)
         self.args = list(args) if args is not None else ([db] if db is not None else [])
-        self.env = dict(os.environ, QT_FORCE_STDERR_LOGGING="1", QT_LOGGING_TO_CONSOLE="1")
-        self._log_dir = log_dir
-        self.umask = umask
-        self.binary = BIN
-        self.proc = None
-        self.started_at = None
+        self._log_dir, self.proc = log_dir, None
         Agent._count += 1
         self.name = "agent-%d" % Agent._count
-        self.stdout_path = os.path.join(self.workdir, self.name + ".stdout")
         self.stderr_path = os.path.join(self.workdir, self.name + ".stderr")
 
     def start(self):
-        problems = isolation_problems()
-        if problems:
-            raise RuntimeError("refusing to run the agent: " + "; ".join(problems))
-        if not self.binary or not os.access(self.binary, os.X_OK):
-            raise RuntimeError("agent binary not found: set QEL_NET_BIN (now %r)" % self.binary)
+        if not isolated():
+            raise RuntimeError("refusing to run the agent outside the namespaces of tests/system/nsrun.py")
         os.makedirs(self.workdir, exist_ok=True)
-        with open(self.stdout_path, "wb") as out, open(self.stderr_path, "wb") as err:
-            kwargs = {} if self.umask is None else {"umask": self.umask}
-            self.proc = subprocess.Popen([self.binary] + self.args, cwd=self.workdir, env=self.env,
-                                         stdin=subprocess.DEVNULL, stdout=out, stderr=err,
-                                         preexec_fn=_die_with_parent, **kwargs)
-        self.started_at = time.monotonic()
+        with open(self.stderr_path, "wb") as err:
+            self.proc = subprocess.Popen([BIN] + self.args, cwd=self.workdir, stdin=subprocess.DEVNULL,
+                                         stdout=subprocess.DEVNULL, stderr=err,
+                                         env=dict(os.environ, QT_FORCE_STDERR_LOGGING="1", QT_LOGGING_TO_CONSOLE="1"),
+                                         preexec_fn=lambda: _prctl(1, signal.SIGKILL))
         return self
 
     @property
     def pid(self):
-        return self.proc.pid if self.proc else None
+        return self.proc.pid
 
     def is_running(self):
         return self.proc is not None and self.proc.poll() is None
 
     def wait_exit(self, timeout=10):
-        """Exit status (negative: killed by that signal); AssertionError on time-out."""
         try:
             return self.proc.wait(timeout)
         except subprocess.TimeoutExpired:
             raise AssertionError("agent still running after %.1fs\n%s" % (timeout, self.diagnostics())) from None
 
     def kill9(self):
-        if self.is_running():
-            self.proc.kill()
-        return self.proc.wait() if self.proc else None
+        self.proc.kill()
+        return self.proc.wait()
 
     def stop(self):
-        """SIGTERM, then SIGKILL after 5 s; returns the exit status."""
-        if self.proc is None:
-            return None
-        if self.proc.poll() is None:
+        """SIGTERM, SIGKILL after 5 s; the exit status."""
+        if self.proc is not None and self.proc.poll() is None:
             self.proc.terminate()
             try:
                 self.proc.wait(5)
             except subprocess.TimeoutExpired:
                 self.proc.kill()
-        return self.proc.wait()
+        return self.proc.wait() if self.proc else None
 
     def log_dirs(self):
         if self._log_dir is not None:
             return [os.path.join(self.workdir, self._log_dir)]
-        # Exactly one argument is the database path, otherwise ./sysconf.db.
         db = os.path.join(self.workdir, self.args[0] if len(self.args) == 1 else "sysconf.db")
         try:
-            logpath = sysconf_value(db, "logpath")
+            logpath = [v for k, v, _ in read_sysconf(db) if k == "logpath"]
         except (OSError, sqlite3.Error):
-            logpath = None
-        dirs = [os.path.join(self.workdir, d) for d in (logpath, FALLBACK_LOG_DIR) if d]
-        return [d for i, d in enumerate(dirs) if os.path.realpath(d) not in map(os.path.realpath, dirs[:i])]
-
-    def log_files(self):
-        """This run's glog INFO files (regular files named ...INFO...<pid>log)."""
-        files = []
-        for d in filter(os.path.isdir, self.log_dirs()):
-            files += [os.path.join(d, n) for n in os.listdir(d) if "INFO" in n and n.endswith(".%slog" % self.pid)]
-        return sorted(p for p in files if os.path.isfile(p) and not os.path.islink(p))
-
-    @property
-    def log_dir(self):
-        files = self.log_files()
-        return os.path.dirname(files[0]) if files else self.log_dirs()[0]
+            logpath = []
+        dirs = [os.path.realpath(os.path.join(self.workdir, d)) for d in logpath + ["./qel_net/qel_log"]]
+        return sorted(set(dirs), key=dirs.index)
 
     def log_text(self):
-        parts = []
-        for p in self.log_files():
-            with open(p, encoding="utf-8", errors="replace") as f:
-                parts.append(f.read())
-        return "".join(parts)
+        text = ""
+        for d in filter(os.path.isdir, self.log_dirs()):
+            for n in sorted(os.listdir(d)):
+                p = os.path.join(d, n)
+                if "INFO" in n and n.endswith(".%dlog" % self.pid) and not os.path.islink(p):
+                    with open(p, encoding="utf-8", errors="replace") as f:
+                        text += f.read()
+        return text
 
     def log_lines(self):
-        """The message part of each glog line ("I... file:line] message")."""
-        return [line.partition("] ")[2] for line in self.log_text().splitlines()
-                if "] " in line and re.match(r"[IWEF]\d{8} ", line)]
+        """The message part of each glog line."""
+        return [l.partition("] ")[2] for l in self.log_text().splitlines() if re.match(r"[IWEF]\d{8} .*\] ", l)]
 
     def wait_log(self, regex, timeout=10, count=1):
-        """Poll the log until `regex` matched `count` times; returns the matches."""
-        pattern = re.compile(regex, re.M)
-        deadline = time.monotonic() + timeout
+        pattern, deadline = re.compile(regex, re.M), time.monotonic() + timeout
         while True:
             exited = not self.is_running()
             found = list(pattern.finditer(self.log_text()))
             if len(found) >= count:
                 return found
             if exited or time.monotonic() >= deadline:
-                raise AssertionError("log: %d of %d matches of %r %s\n%s" % (
-                    len(found), count, regex,
-                    "and the agent has exited" if exited else "after %.1fs" % timeout, self.diagnostics()))
+                raise AssertionError("log: %d of %d matches of %r%s\n%s" % (
+                    len(found), count, regex, " (agent exited)" if exited else "", self.diagnostics()))
             time.sleep(0.05)
 
     def stderr_text(self):
-        try:
-            with open(self.stderr_path, encoding="utf-8", errors="replace") as f:
-                return f.read()
-        except OSError:
-            return ""
+        with open(self.stderr_path, encoding="utf-8", errors="replace") as f:
+            return f.read()
 
     def diagnostics(self, lines=40):
-        state = ("running" if self.is_running() else
-                 "exit status %s" % (self.proc.returncode if self.proc else "(never started)"))
-        return ("---- %s (%s) %s %s; log dirs %s\n---- log tail:\n%s\n---- stderr tail:\n%s\n----"
-                % (self.name, state, self.binary, self.args, self.log_dirs(),
-                   _tail(self.log_text(), lines), _tail(self.stderr_text(), lines)))
+        tail = lambda t: "\n".join(t.splitlines()[-lines:])
+        return "---- %s %s (%s)\n-- log:\n%s\n-- stderr:\n%s" % (
+            self.name, self.args, "running" if self.is_running() else self.proc and self.proc.returncode,
+            tail(self.log_text()), tail(self.stderr_text()) if self.proc else "")
 
-    def _assert_no_match(self, patterns, what, lines):
-        text = self.stderr_text()
-        hits = [p for p in patterns if re.search(p, text)]
-        if hits:
-            raise AssertionError("%s in stderr (%s):\n%s" % (what, ", ".join(hits), _tail(text, lines)))
-
-    def assert_no_qt_thread_warnings(self):
-        self._assert_no_match(QT_THREAD_WARNING_PATTERNS, "Qt thread warnings", 40)
-
-    def assert_no_sanitizer_reports(self):
-        self._assert_no_match(SANITIZER_PATTERNS, "sanitizer reports", 80)
+    def assert_quiet(self):
+        hit = BAD_STDERR.search(self.stderr_text())
+        if hit:
+            raise AssertionError("thread warning or sanitizer report in stderr: %r\n%s" % (hit.group(0),
+                                                                                        self.diagnostics(80)))
 
 
 class AgentTestCase(unittest.TestCase):
-    """Fresh work dir per test (self.work); agents and simulators are stopped in tearDown.
-    On failure their logs are printed and the work dir kept (also with QEL_KEEP_WORK=1)."""
+    """A fresh work dir per test; agents and simulators stop in tearDown; on a
+    failure their logs are printed and the work dir is kept."""
 
     def setUp(self):
-        super().setUp()
         self.work = tempfile.mkdtemp(prefix="qel_%s_" % self.id().rsplit(".", 1)[-1][:40])
-        self._agents, self._sims, self._mounts = [], [], []
+        self._agents, self._sims, self._mounts, self._fences = [], [], [], 0
+        self.alarm_root, self.apppath = self.path("alarmimage"), self.work
 
     def path(self, *parts):
         return os.path.join(self.work, *parts)
 
-    def agent(self, args=None, db=None, workdir=None, **kw):
-        a = Agent(workdir or self.work, args=args, db=db, **kw)
-        self._agents.append(a)
-        return a
+    def agent(self, args=None, db=None, **kw):
+        self._agents.append(Agent(kw.pop("workdir", None) or self.work, args=args, db=db, **kw))
+        return self._agents[-1]
+
+    def _sim(self, sim):
+        self._sims.append(sim)
+        return sim.start() if not isinstance(sim, Camera) else sim
 
     def server_sim(self, info_port=0, file_port=0, **kw):
-        """A started ServerSim (free ports by default), recording to the work dir."""
-        kw.setdefault("record", self.path("server-requests-%d.jsonl" % (len(self._sims) + 1)))
-        self._sims.append(ServerSim(info_port, file_port, **kw).start())
-        return self._sims[-1]
+        return self._sim(ServerSim(info_port, file_port, **kw))
 
-    def app_sim(self, port=0, **kw):
-        """A started AppSim (pass port=8890 for the agent's fixed link port)."""
-        kw.setdefault("record", self.path("app-notices-%d.jsonl" % (len(self._sims) + 1)))
-        self._sims.append(AppSim(port, **kw).start())
-        return self._sims[-1]
+    def app_sim(self, port=APP_PORT, **kw):
+        return self._sim(AppSim(port, **kw))
 
     def cdn_sink(self, port=0, **kw):
-        """A started CdnSink (free port by default), saving streams and events to the work dir."""
-        n = len(self._sims) + 1
-        kw.setdefault("directory", self.path("streams-%d" % n))
-        kw.setdefault("record", self.path("cdn-events-%d.jsonl" % n))
-        self._sims.append(CdnSink(port, **kw).start())
-        return self._sims[-1]
+        kw.setdefault("directory", self.path("streams-%d" % len(self._sims)))
+        return self._sim(CdnSink(port, **kw))
 
     def camera(self, number, width=640, height=480, fps=20, start=True, **kw):
-        """A Camera whose frame buffer is removed in tearDown (writing unless start=False)."""
-        cam = Camera(number, width, height, fps=fps, **kw)
-        self._sims.append(cam)
+        cam = self._sim(Camera(number, width, height, fps=fps, **kw))
         return cam.start() if start else cam
 
     def make_db(self, name="sysconf.db", **kw):
         return make_db(self.path(name), self.work, **kw)
 
     def bind_read_only(self, directory):
-        """Make `directory` read-only (bind mount in the test namespace)."""
-        if isolation_problems():
-            raise RuntimeError("refusing to mount outside the test namespace")
+        assert isolated()
         subprocess.run(["mount", "--bind", directory, directory], check=True)
         self._mounts.append(directory)
         subprocess.run(["mount", "-o", "remount,bind,ro", directory], check=True)
 
-    def wait_until(self, predicate, timeout=10, message="condition", interval=0.05):
+    def wait_until(self, predicate, timeout=10, message="condition"):
         deadline = time.monotonic() + timeout
         while True:
             value = predicate()
@@ -369,52 +302,130 @@ class AgentTestCase(unittest.TestCase):
                 return value
             if time.monotonic() >= deadline:
                 self.fail("%s not met after %.1fs" % (message, timeout))
-            time.sleep(interval)
+            time.sleep(0.05)
 
-    def _failed(self):
-        """Whether the test body or one of its subtests has failed so far."""
-        outcome = getattr(self, "_outcome", None)
-        if outcome is None:
-            return False
-        if any(exc for _, exc in getattr(outcome, "errors", None) or []):     # before Python 3.11
-            return True
-        result = getattr(outcome, "result", None)
-        return any(test is self or getattr(test, "test_case", None) is self
-                   for test, _ in getattr(result, "failures", []) + getattr(result, "errors", []))
+    # ---- the agent between the simulators ----------------------------------------
+
+    def start_all(self, server=True, app=True, wait_login=True, server_kw=None, db_overrides=None,
+                  before_start=None):
+        self.srv = self.server_sim(**(server_kw or {})) if server else None
+        if before_start:
+            before_start(self.srv)
+        self.info_port, self.file_port = (self.srv.info_port, self.srv.file_port) if server else (1, 1)
+        self.app = self.app_sim() if app else None
+        self.db = self.make_db(info_port=self.info_port, file_port=self.file_port,
+                               video_port=self.srv.video_port if server else None, overrides=db_overrides)
+        self.ag = self.agent(db=self.db).start()
+        self.ag.wait_log(r"config success")
+        if app:
+            self.app.wait_connected(10)
+        if server and wait_login:
+            self.ag.wait_log(r"recv:3\(result:-- success --\)")
+        return self.srv, self.app, self.ag
+
+    def restart(self, db=None):
+        self.ag = self.agent(db=db or self.db).start()
+        self.ag.wait_log(r"config success")
+        return self.ag
+
+    def send_and_ack(self, msg_type, body, within=1.0):
+        """Send one message; the time its "/back/" took."""
+        mark, t0 = self.app.mark(), time.monotonic()
+        self.app.send(msg_type, body)
+        self.app.wait_notice("back", since=mark, timeout=within + 5)
+        return time.monotonic() - t0
+
+    def assert_clean(self, agent=None):
+        agent = agent or self.ag
+        self.assertTrue(agent.is_running(), "agent is not running any more")
+        agent.assert_quiet()
+
+    # ---- images --------------------------------------------------------------------
+
+    def workdir(self, item):
+        return self.path("qel_net", ITEM_DIR[item])
+
+    def faildir(self, item):
+        return self.path("qel_net", "qel_fail", ITEM_DIR[item])
+
+    def write(self, item=ALARM, camera=1, detect=1, kind=None, age=None, **kw):
+        """Images written the way the application does; `age` s old if given."""
+        paths = write_images(self.alarm_root if item == ALARM else self.work, camera, detect,
+                             kind or ("NG" if item == ALARM else "template"), **kw)
+        for p in paths if age is not None else []:
+            os.utime(p, (time.time() - age, time.time() - age))
+        return paths
+
+    def member(self, path):
+        return "./" + os.path.relpath(path, self.apppath)
+
+    def uploaded(self, srv=None):
+        """Counter of member names over every archive the server received."""
+        return collections.Counter(n for r in (srv or self.srv).archives() for n, _ in r["archive"])
+
+    def wait_uploaded(self, paths, timeout=15, srv=None):
+        want = {self.member(p) for p in paths}
+        self.wait_until(lambda: not want - set(self.uploaded(srv)), timeout, "uploads of %d image(s)" % len(want))
+
+    def assert_uploaded_once(self, paths, srv=None):
+        counts = self.uploaded(srv)
+        self.assertEqual({self.member(p): counts[self.member(p)] for p in paths if counts[self.member(p)] != 1}, {},
+                         "images not uploaded exactly once (name: times)")
+
+    def fence(self, item=ALARM, srv=None, timeout=15):
+        """One more image and a look; once its archive is in, everything packed
+        before it is too (the packer and the FILE queue keep their order)."""
+        self._fences += 1
+        name = self.member(self.write(item, prefix="fence%d" % self._fences)[0])
+        self.app.send(item, "")
+        return (srv or self.srv).wait_request(lambda r: r.get("archive") and name in [m for m, _ in r["archive"]],
+                                             port="file", timeout=timeout)[0]
+
+    def archives_in(self, directory):
+        return sorted(n for n in os.listdir(directory) if n.endswith(".tar.gz")) if os.path.isdir(directory) else []
+
+    def sent_archive_paths(self, agent=None):
+        return _SENT_ARCHIVE.findall((agent or self.ag).stderr_text())
+
+    # ---- video ---------------------------------------------------------------------
+
+    def start_video(self, cameras=((0, 320, 240),), announce=True, sink_kw=None, server_kw=None):
+        self.sink = self.cdn_sink(**(sink_kw or {}))
+        self.cams = [self.camera(n, w, h) for n, w, h in cameras]
+        self.start_all(server_kw=dict(server_kw or {}, cdn_port=self.sink.port))
+        if announce:
+            self.announce(self.cams)
+        return self.cams
+
+    def announce(self, cameras_or_body):
+        body = cameras_or_body if isinstance(cameras_or_body, str) else announcement(cameras_or_body)
+        self.send_and_ack(9, body, within=5)
+
+    def queries(self, camera_id=None):
+        return [r for r in self.srv.requests(port="video")
+                if camera_id is None or r["query"].get("camera_id") == str(camera_id)]
+
+    def assert_decodes(self, conn, width, height, min_frames=10):
+        """Sink connection `conn` decodes as H.264 of that size; its frames."""
+        frames = decoded_frames(self.sink.connection(conn)["file"])
+        self.assertGreaterEqual(len(frames), min_frames, "decoded frames of connection %d" % conn)
+        self.assertEqual({(f["codec"], f["width"], f["height"]) for f in frames}, {("h264", width, height)})
+        return frames
 
     def tearDown(self):
-        failed = self._failed()
+        failed = any(t is self or getattr(t, "test_case", None) is self for t, _ in
+                     self._outcome.result.failures + self._outcome.result.errors)
         for thing in self._agents + self._sims[::-1]:
             try:
-                if isinstance(thing, Camera):
-                    thing.close()       # also removes its segment and semaphore
-                else:
-                    thing.stop()
+                thing.close() if isinstance(thing, Camera) else thing.stop()
             except Exception as e:  # keep tearing down
                 sys.stderr.write("stopping %r: %s\n" % (thing, e))
         for d in reversed(self._mounts):
             subprocess.run(["umount", d], check=False)
         if failed:
-            out = ["\n==== %s: diagnostics (work dir kept: %s)" % (self.id(), self.work)]
-            out += [a.diagnostics() for a in self._agents if a.proc is not None]
-            for s in self._sims:
-                if isinstance(s, ServerSim):
-                    out.append("---- server sim: %s; last requests:" % s.status())
-                    out += ["  %s %s SessionId=%s body=%r" % (r["method"], r["path"], r["session"], r["body"][:200])
-                            for r in s.requests()[-10:]]
-                elif isinstance(s, CdnSink):
-                    out.append("---- cdn sink: %s; last connections:" % s.status())
-                    out += ["  #%d %r %d bytes%s" % (c["conn"], c["head"], c["bytes"],
-                                                     "" if c["open"] else " closed by %s" % c["closed_by"])
-                            for c in s.connections()[-10:]]
-                elif isinstance(s, Camera):
-                    out.append("---- camera %d (shmid %d semid %d): %s" % (s.number, s.shmid, s.semid,
-                                                                         s.wait_stats()))
-                else:
-                    out.append("---- app sim: last notices:")
-                    out += ["  %s SessionId=%s %r" % (n["kind"], n["session"], n["raw"][:200])
-                            for n in s.notices()[-10:]]
-            sys.stderr.write("\n".join(out) + "\n")
-        elif os.environ.get("QEL_KEEP_WORK") != "1":
+            sys.stderr.write("\n==== %s (work dir kept: %s)\n%s\n%s\n" % (
+                self.id(), self.work, "\n".join(a.diagnostics() for a in self._agents if a.proc),
+                "\n".join("-- %s: %s" % (type(s).__name__, s.status()) for s in self._sims
+                          if hasattr(s, "status"))))
+        else:
             shutil.rmtree(self.work, ignore_errors=True)
-        super().tearDown()

@@ -1,170 +1,252 @@
 """The failure history is the durable copy of the send queue: an agent killed
-at any moment loses nothing it has acknowledged, and the next start sends
-each undelivered request once."""
+at any moment, or stopped by SIGTERM or SIGINT, loses nothing it has
+acknowledged to the application, and the next start sends each undelivered
+request once. The tests run side by side. The moments of kills and stops are
+drawn at random; QEL_SEED replays a run."""
 
 import collections
+import json
 import os
 import random
+import signal
 import sqlite3
 import threading
 import time
 import unittest
 
-from qeltest import read_failhistory
-from runtime import STATS, RuntimeCase, request_text, seed_failhistory
+from qeltest import STATS, AgentTestCase, read_failhistory, request_text, seed_failhistory
 
-# The moment of the kill is drawn at random; QEL_SEED replays a run.
 SEED = int(os.environ.get("QEL_SEED", str(int(time.time()))))
+RUN_STATE = "/vmu/device/runstate"
 
 
-class CrashLoop(RuntimeCase):
+class Durability(AgentTestCase):
 
-    def run_until(self, agent, seconds):
-        time.sleep(max(0.0, seconds - (time.monotonic() - agent.started_at)))
+    def stats_text(self, body):
+        return request_text(STATS, 7, body, self.info_port)
+
+    def stored(self, path=STATS):
+        return [t for _, t in read_failhistory(self.db) if path in t.split("\r\n", 1)[0]]
+
+    def stop_with(self, signo):
+        """`signo` must end the agent with status 0 within 5 s, saying so."""
+        self.ag.proc.send_signal(signo)
+        self.assertEqual(self.ag.wait_exit(5), 0)
+        for line in ("stop:(signal %d, stopping in order)" % signo,
+                     "stop:(every request not yet answered is kept for the next start)"):
+            self.assertIn(line, self.ag.log_lines())
+        self.ag.assert_quiet()
+
+    def restart_linked(self):
+        links = self.app.connection_count()
+        self.restart()
+        self.app.wait_connected(10, count=links + 1)
+
+    def deliver_after_restart(self, bodies, path=STATS):
+        """Against an answering server every body arrives once and the history empties."""
+        mark = len(self.srv.requests(path=path))
+        self.srv.normal()
+        ag = self.restart()
+        received = lambda: [r["body"] for r in self.srv.requests(path=path)[mark:]]
+        self.wait_until(lambda: set(bodies) <= set(received()), 30, "delivery after the restart")
+        self.wait_until(lambda: read_failhistory(self.db) == [], 10, "failure history emptied")
+        time.sleep(0.5)             # a second copy would have arrived by now
+        self.assertEqual({b: n for b, n in collections.Counter(received()).items() if n > 1}, {})
+        self.assert_clean(ag)
+        return received()
 
     def test_crash_loop_with_the_server_away_keeps_the_history(self):
-        """Killed a few seconds after every start, before any periodic save,
-        with the server refusing or with its host gone (connects hang)."""
-        self.app = self.app_sim(port=8890)
+        """Killed 3 s after every start, the server refusing or its host gone;
+        duplicate rows go once and a damaged row is dropped."""
+        self.app = self.app_sim()
         for how in ("down", "blackhole"):
             with self.subTest(server=how):
-                srv = self.server_sim()
-                self.db = self.make_db(name="%s.db" % how, info_port=srv.info_port, file_port=srv.file_port)
-                bodies = ['{"crash":"%s","n":%d}' % (how, i) for i in range(20)]
-                texts = {request_text(STATS, 7, b, srv.info_port) for b in bodies}
-                seed_failhistory(self.db, sorted(texts))
+                self.srv = srv = self.server_sim()
+                self.info_port = srv.info_port
+                self.db = self.make_db(name=how + ".db", info_port=srv.info_port, file_port=srv.file_port)
+                bodies = ['{"crash":"%s","n":%d,"t":"甲"}' % (how, i) for i in range(20)]
+                seed_failhistory(self.db, [self.stats_text(b) for b in bodies] + [self.stats_text(bodies[0])] * 2
+                                 + ["not a request at all"])
                 srv.set_mode(how)
                 for _ in range(3):
                     ag = self.restart()
-                    self.run_until(ag, 3.0)
+                    time.sleep(3)
                     ag.kill9()
-                    self.assert_quiet(ag)
-                    kept = {text for _, text in read_failhistory(self.db)}
-                    lost = [b for b in bodies if request_text(STATS, 7, b, srv.info_port) not in kept]
-                    self.assertEqual(lost, [], "lost from the failure history")
-
+                    ag.assert_quiet()
+                    kept = set(self.stored())
+                    self.assertEqual([b for b in bodies if self.stats_text(b) not in kept], [], "lost")
                 srv.up()
-                ag = self.restart()
-                srv.wait_request(path=STATS, count=len(bodies), timeout=20)
-                ag.wait_log(r"recv:7\(result:-- success --\)", count=len(bodies), timeout=10)
-                self.wait_until(lambda: read_failhistory(self.db) == [], 10, "failure history emptied")
-                time.sleep(0.5)
-                delivered = collections.Counter(r["body"] for r in srv.requests(path=STATS))
-                self.assertEqual(delivered, collections.Counter(bodies))    # each exactly once
-                self.assert_clean(ag)
-                ag.stop()
-
-
-class KillUnderTraffic(RuntimeCase):
+                received = self.deliver_after_restart(bodies)
+                self.assertEqual(collections.Counter(received), collections.Counter(bodies))
+                self.assertIn("error:11(damaged info)", self.ag.log_text())
+                self.ag.stop()
 
     def test_kill_under_steady_traffic_loses_nothing_acknowledged(self):
-        """5 messages a second, answers after 200 ms (the queue grows by about
-        one a second, so several requests older than 1 s wait at the kill),
-        kill -9 at a random moment, restart."""
+        """5 messages a second answered after 200 ms, so the queue grows; kill -9 at random."""
         srv, app, ag = self.start_all()
         srv.slow(200)
-        rng = random.Random(SEED)
-        kill_at = rng.uniform(9.0, 14.0)
-        acked = {}                    # body -> monotonic time of its "/back/"
-        stop = threading.Event()
+        kill_at = random.Random(SEED).uniform(9.0, 14.0)
+        acked, stop = {}, threading.Event()
 
         def traffic():
             for i in range(1000):
-                if stop.is_set():
-                    return
-                body = '{"steady":%d,"seed":%d}' % (i, SEED)
-                started = time.monotonic()
-                mark = app.mark()
+                body, started, mark = '{"steady":%d,"seed":%d}' % (i, SEED), time.monotonic(), app.mark()
                 try:
                     app.send(7, body, timeout=1)
                     app.wait_notice("back", since=mark, timeout=1)
                 except (AssertionError, OSError):
                     return            # the agent is gone
                 acked[body] = time.monotonic()
+                if stop.is_set():
+                    return
                 time.sleep(max(0.0, 0.2 - (time.monotonic() - started)))
-
         sender = threading.Thread(target=traffic, daemon=True)
-        t0 = time.monotonic()
         sender.start()
         time.sleep(kill_at)
-        self.assertTrue(ag.is_running())
         killed = time.monotonic()
         ag.kill9()
         stop.set()
         sender.join(5)
-        self.assert_quiet(ag)
+        ag.assert_quiet()
         protected = [b for b, t in acked.items() if t < killed - 1.0]
-        note = "seed %d, kill %.1f s into the traffic, %d acknowledged" % (SEED, killed - t0, len(acked))
+        note = "seed %d, %d acknowledged" % (SEED, len(acked))
         self.assertGreater(len(protected), 35, note)
-
         ag = self.restart()
-        def undelivered():
-            seen = {r["body"] for r in srv.requests(path=STATS)}
-            return [b for b in protected if b not in seen]
-        deadline = time.monotonic() + 30
-        while undelivered() and time.monotonic() < deadline:
-            time.sleep(0.2)
-        self.assertEqual(undelivered(), [], "acknowledged more than 1 s before the kill (%s)" % note)
+        self.wait_until(lambda: set(protected) <= {r["body"] for r in srv.requests(path=STATS)}, 30, note)
         self.wait_until(lambda: read_failhistory(self.db) == [], 15, "failure history emptied (%s)" % note)
-        delivered = collections.Counter(r["body"] for r in srv.requests(path=STATS))
-        twice = {b: n for b, n in delivered.items() if n > 1}
-        # only the request in flight at the kill may go twice
-        self.assertLessEqual(len(twice), 1, (twice, note))
-        self.assertTrue(all(n == 2 for n in twice.values()), (twice, note))
+        twice = {b: n for b, n in collections.Counter(r["body"] for r in srv.requests(path=STATS)).items() if n > 1}
+        self.assertTrue(len(twice) <= 1 and set(twice.values()) <= {2}, (twice, note))   # only the one in flight
         self.assert_clean(ag)
 
-
-class AcknowledgedMeansStored(RuntimeCase):
-
     def test_acknowledgement_waits_for_the_commit_within_its_bound(self):
-        """Another process holds the database while the server is silent:
-        "/back/" comes once the messages are committed, and a kill -9 right
-        after it loses nothing; a hold longer than 2 s gets the
-        acknowledgement anyway, said once in the log."""
+        """Another process holds the database: "/back/" comes once the messages
+        are committed; held longer than 2 s, it comes anyway, said once."""
         srv, app, ag = self.start_all()
         srv.silent()
         kept_bodies = []
-        rows = [(0.8, True), (3.0, False)]     # (hold in s, acknowledged only after the release)
-        for run, (hold, after_release) in enumerate(rows):
-            with self.subTest(hold=hold):
-                if run:
-                    links = app.connection_count()
-                    ag = self.restart()
-                    app.wait_connected(10, count=links + 1)
-                bodies = ['{"held":%d,"n":%d}' % (run, i) for i in range(3)]
-                lock = sqlite3.connect(self.db, timeout=5, isolation_level=None)
-                lock.execute("BEGIN EXCLUSIVE")
-                held_at = time.time()
-                mark = app.mark()
-                for body in bodies:
-                    app.send(7, body)
-                time.sleep(hold)
-                released_at = time.time()
-                lock.execute("COMMIT")
-                lock.close()
-                notices = app.wait_notice("back", since=mark, count=len(bodies), timeout=5)
-                ag.kill9()
-                acked_at = [n["time"] for n in notices]
-                unstored = ag.log_text().count("not yet stored")
-                if after_release:
-                    self.assertEqual(unstored, 0)
-                    self.assertGreaterEqual(min(acked_at), released_at - 0.05, "acknowledged before the commit")
-                else:
-                    self.assertEqual(unstored, 1, "said once per episode")
-                    self.assertLess(max(acked_at) - held_at, hold - 0.5, "held up beyond the bound")
-                self.assert_quiet(ag)
-                if after_release:
-                    kept = {t for _, t in read_failhistory(self.db)}
-                    lost = [b for b in bodies if request_text(STATS, 7, b, self.info_port) not in kept]
-                    self.assertEqual(lost, [], "acknowledged, then lost to kill -9")
-                    kept_bodies += bodies
+        for run, (hold, after_release) in enumerate([(0.8, True), (3.0, False)]):
+            if run:
+                self.restart_linked()
+            bodies = ['{"held":%d,"n":%d}' % (run, i) for i in range(3)]
+            lock = sqlite3.connect(self.db, timeout=5, isolation_level=None)
+            lock.execute("BEGIN EXCLUSIVE")
+            held_at, mark = time.time(), app.mark()
+            for body in bodies:
+                app.send(7, body)
+            time.sleep(hold)
+            released_at = time.time()
+            lock.execute("COMMIT")
+            lock.close()
+            acked_at = [n["time"] for n in app.wait_notice("back", since=mark, count=len(bodies), timeout=5)]
+            self.ag.kill9()
+            self.assertEqual(self.ag.log_text().count("not yet stored"), 0 if after_release else 1)
+            if after_release:
+                self.assertGreaterEqual(min(acked_at), released_at - 0.05, "acknowledged before the commit")
+                self.assertEqual([b for b in bodies if self.stats_text(b) not in set(self.stored())], [], "lost")
+                kept_bodies += bodies
+            else:
+                self.assertLess(max(acked_at) - held_at, hold - 0.5, "held up beyond the bound")
+            self.ag.assert_quiet()
+        self.deliver_after_restart(kept_bodies)
+
+    def test_orderly_stop_with_a_silent_server_and_while_connecting(self):
+        srv, app, ag = self.start_all()
+        srv.silent()
+        app.gap_ms = 20
+        bodies = ['{"orderly":%d,"text":"停机前 %d"}' % (i, i) for i in range(50)]
+        mark = app.mark()
+        for body in bodies:
+            app.send(7, body)
+        app.wait_notice("back", since=mark, count=len(bodies))
+        srv.wait_request(path=STATS)     # the head is on its way, unanswered
+        self.stop_with(signal.SIGTERM)
+        self.assertEqual(self.stored(), [self.stats_text(b) for b in bodies])     # in order, each once
+        self.assertEqual(self.deliver_after_restart(bodies), bodies)
+        # The server's host vanishes: the stop does not wait for the hanging connect.
+        srv.blackhole()
+        srv.close_connections()
+        self.ag.wait_log(r"socket:\(the socket INFO disconnected\)")
+        bodies = ['{"vanished":%d}' % i for i in range(5)]
+        mark = app.mark()
+        for body in bodies:
+            app.send(7, body)
+        app.wait_notice("back", since=mark, count=len(bodies))
+        self.stop_with(signal.SIGINT)
+        self.assertEqual(self.stored(), [self.stats_text(b) for b in bodies])
+        srv.up()
+        self.deliver_after_restart(bodies)
+
+    def test_messages_acknowledged_while_stopping_are_delivered_after_restart(self):
+        """Each message sent as soon as the previous was acknowledged, through three stops."""
+        srv, app, ag = self.start_all()
+        srv.silent()
+        app.gap_ms = 5
+        rng = random.Random(SEED)
+        sent_all, acked_all = [], []
+        for run in range(3):
+            note = "run %d, seed %d" % (run, SEED)
+            if run:
+                self.restart_linked()
+            acks_before, sent, ended = len(app.notices("back")), [], threading.Event()
+
+            def burst():
+                try:
+                    for i in range(100000):
+                        body, mark = '{"run":%d,"burst":%d}' % (run, i), app.mark()
+                        app.send(7, body, timeout=0.5)
+                        sent.append(body)
+                        app.wait_notice("back", since=mark, timeout=1.0)
+                except (AssertionError, OSError):
+                    pass            # the link is gone: the agent is stopping
+                finally:
+                    ended.set()
+            threading.Thread(target=burst, daemon=True).start()
+            at = 20 + rng.randrange(30)
+            self.wait_until(lambda: len(sent) >= at, 10, "%d messages sent (%s)" % (at, note))
+            time.sleep(rng.uniform(0.0, 0.01))
+            self.stop_with(signal.SIGTERM)
+            self.assertTrue(ended.wait(5), "the application kept sending after the agent exited")
+            time.sleep(0.4)         # the last notices are read
+            # One "/back/" per message, in order: the first n sent are the acknowledged ones.
+            acked = sent[:len(app.notices("back")) - acks_before]
+            self.assertGreaterEqual(len(acked), at - 1, note)
+            acked_all += acked
+            sent_all += sent
+            stored = self.stored()
+            self.assertEqual(len(stored), len(set(stored)), "a request stored twice (%s)" % note)
+            self.assertEqual([b for b in acked_all if self.stats_text(b) not in set(stored)], [], note)
+        self.assertEqual(set(self.deliver_after_restart(acked_all)) - set(sent_all), set())
+
+    def test_run_state_reports_told_to_the_application_survive_the_stop(self):
+        """Reports acknowledged just before the stop, and one whose measurement
+        (top) the stop cuts short, are kept and sent after the restart."""
+        srv, app, ag = self.start_all()
+        srv.silent()
+        sent = []
+        for run, (what, count) in enumerate([("acknowledged", 3), ("being measured", 1)]):
+            if run:
+                self.restart_linked()
+            bodies = ['{"state":"%s","n":%d}' % (what, i) for i in range(count)]
+            mark = app.mark()
+            for body in bodies:
+                app.send(19, body)
+            if run == 0:
+                app.wait_notice("back", since=mark, count=count)
+            else:
+                self.ag.wait_log(r"Inline:19\(get info from application\)")
+            self.stop_with(signal.SIGTERM)
+            states = [json.loads(t.split("\r\n\r\n", 1)[1]) for t in self.stored(RUN_STATE)]
+            self.assertEqual(sorted(s["n"] for s in states if s["state"] == what), list(range(count)))
+            sent += bodies
+        key = lambda text: (json.loads(text)["state"], json.loads(text)["n"])
         srv.normal()
         ag = self.restart()
-        self.wait_until(lambda: set(kept_bodies) <= {r["body"] for r in srv.requests(path=STATS)}, 20,
-                        "the kept messages delivered")
-        self.wait_until(lambda: read_failhistory(self.db) == [], 20, "failure history emptied")
+        self.wait_until(lambda: {key(r["body"]) for r in srv.requests(path=RUN_STATE)} == set(map(key, sent)), 20,
+                        "reports delivered")
         self.assert_clean(ag)
 
+
+PARALLEL = True
 
 if __name__ == "__main__":
     unittest.main()

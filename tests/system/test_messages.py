@@ -1,0 +1,293 @@
+"""The message road, from an application message to the server and back, and
+what the server and the links can do to it: odd answers, framing, outages,
+an application that restarts, a file server that is away. The tests run side
+by side, each agent in namespaces of its own."""
+
+import json
+import re
+import time
+import unittest
+
+from qeltest import APP_PORT, HOST, STATS, AgentTestCase, read_failhistory
+
+NOTICE = (b"POST /%s/ HTTP/1.1\r\nContent-type: application/json%s\nConnection: keep-alive\r\nSessionId: %d\r\n"
+          b"User-Agent: INFO\r\nContent-Length: 0\r\n\r\n")
+REMOVE_TEMPLATE = "/videowatch/picture/removeTemplate"
+# type, body, path of the request it becomes
+SIMPLE_ITEMS = [
+    (1, "device_id=%s&operater=op&utc=1&description=上料" % HOST, "/vmu/device/operate/log"),
+    (2, '{"exposure":12,"名称":"相机"}', "/vmu/device/sysparam/upload"),
+    (7, '{"total":3,"ng":1}', STATS),
+    (8, '{"roi":[1,2,3,4]}', "/vmu/area/param/upload"),
+    (10, '{"stop":1}', "/vmu/device/stop/statistics/upload"),
+    (12, '{"title":"clean"}', "/vmu/reminder/add"),
+    (13, '{"id":1}', "/vmu/reminder/delete"),
+    (15, "ngorok=1", "/vmu/device/ngorok"),
+    (16, "tel=123", "/service/vcode/alarm/send"),
+    (18, '{"result":"OK"}', "/vmu/device/detect_result"),
+    (20, '{"cancel":1}', "/vmu/device/detect_terminate"),
+]
+
+
+class Messages(AgentTestCase):
+
+    def delivered(self, bodies, timeout, path=STATS):
+        missing = lambda: [b for b in bodies if b not in {r["body"] for r in self.srv.requests(path=path)}]
+        self.wait_until(lambda: not missing(), timeout, "every message delivered")
+
+    def test_every_item_end_to_end(self):
+        srv, app, ag = self.start_all(db_overrides={"useInlineName": "stored-name"})
+        login = srv.requests(path="/vmu/device/login")[0]
+        self.assertEqual((login["body"], login["session"]), ("device_id=" + HOST, 3))
+        for msg_type, body, _ in SIMPLE_ITEMS:
+            app.send(msg_type, body)
+        got = srv.wait_request(lambda r: r["session"] not in (3, 4), count=len(SIMPLE_ITEMS), timeout=20)
+        for (msg_type, body, path), req in zip(SIMPLE_ITEMS, got):
+            self.assertEqual((req["session"], req["method"], req["path"], req["body"]), (msg_type, "POST", path, body))
+            self.assertEqual(int(dict(req["headers"])["Content-Length"]), len(body.encode("utf-8")))
+            ag.wait_log(r"recv:%d\(result:-- success --\)" % msg_type)
+            self.assertIn("Inline:%d(get info from application)" % msg_type, ag.log_text())
+        app.wait_notice("back", count=len(SIMPLE_ITEMS))
+        self.assertEqual([n["raw_bytes"] for n in app.notices("back")], [NOTICE % (b"back", b"\r", 0)] * len(got))
+
+        # One request in flight: the next goes only after the answer (200 ms) and a 50 ms pause.
+        srv.slow(200)
+        for i in range(4):
+            app.send(7, '{"n":%d}' % i)
+        got = srv.wait_request(path=STATS, predicate=lambda r: '"n"' in r["body"], count=4, timeout=20)
+        self.assertEqual([r["body"] for r in got], ['{"n":%d}' % i for i in range(4)])
+        gaps = [b["time"] - a["time"] for a, b in zip(got, got[1:])]
+        self.assertTrue(all(g >= 0.24 for g in gaps), gaps)
+        srv.normal()
+
+        # Template removal goes to the file port, which is closed after the answer.
+        app.send(11, "name=t1.bmp")
+        req = srv.wait_request(path=REMOVE_TEMPLATE)[0]
+        self.assertEqual((req["port_name"], req["body"], dict(req["headers"])["Host"]),
+                         ("file", "name=t1.bmp", "127.0.0.1:%d" % self.file_port))
+        ag.wait_log(r"socket:\(the socket FILE disconnected\)")
+
+        # Queries forward the server's answer to the application.
+        for msg_type, path in ((14, "/vmu/device/initial"), (17, "/vmu/device/reminder")):
+            app.send(msg_type, "q")
+            req = srv.wait_request(path=path)[0]
+            self.assertEqual((req["method"], req["path"]), ("GET", "%s?device_id=%s" % (path, HOST)))
+            fwd = app.wait_notice(path)[0]
+            self.assertEqual((fwd["body"], fwd["session"]), (req["reply"], msg_type))
+            self.assertEqual(int(dict(fwd["headers"])["Content-Length"]), len(fwd["body"].encode("utf-8")))
+
+        # Run state: the measurements follow the application's members; an invalid body queues nothing.
+        app.send(19, '{"state":"running","产线":2}')
+        app.send(19, "{not json")
+        body = json.loads(srv.wait_request(path="/vmu/device/runstate", timeout=15)[0]["body"])
+        self.assertEqual(list(body), ["state", "产线", "cpu", "memory", "nearstart"])
+        self.assertTrue(-1 <= body["cpu"] <= 10000 and 0 <= body["memory"] <= 10000 and body["nearstart"] > 0, body)
+        app.send(7, '{"after":1}')
+        srv.wait_request(path=STATS, predicate=lambda r: r["body"] == '{"after":1}')
+        self.assertEqual(len(srv.requests(path="/vmu/device/runstate")), 1)
+        self.assert_clean()
+
+    def test_malformed_messages_and_odd_answers(self):
+        srv, app, ag = self.start_all()
+        junk = ["3:..!p", "3:a:b:..!p", "3:a:..!x:..!y", "21:a:..!p", "-1:a:..!p", ":a:..!x", "0:a:..!x", "garbage"]
+        for text in junk:
+            app.send_raw(text.encode("utf-8"))
+        app.send_raw(b"\x00\xff\xfe binary \x00 zeros")
+        app.send_raw(bytes(range(256)) * 256)      # a 64 KiB read
+        app.send(9, "shm description")
+        # Texts that merely mention an image directory read as the image
+        # items' work, which the INFO thread does not do: dropped as damaged,
+        # and what follows is not held up.
+        app.send(2, '{"note":"/x/qel_alarmimage/y"}')
+        app.send(7, '{"note":"qel_tempimage"}')
+        app.send(7, '{"last":1}')
+        self.assertEqual(srv.wait_request(path=STATS)[0]["body"], '{"last":1}')
+        time.sleep(0.5)
+        self.assertEqual([r["session"] for r in srv.requests() if r["session"] not in (3, 4)], [7])
+        self.assertGreaterEqual(len(app.notices("back")), len(junk) + 6)
+        log = ag.log_text()
+        self.assertTrue("Inline:0(get info" in log and "Inline:9(sharedMemory get ready)" in log and
+                        "Inline:21" not in log, log)
+        self.assertEqual(log.count("error:11(damaged info)"), 2)
+
+        # A failed code still removes the request; an answer naming another
+        # item removes nothing, so the same request goes again.
+        srv.set_reply({"code": 1}, path="/vmu/area/param/upload", times=1)
+        app.send(8, '{"roi":1}')
+        ag.wait_log(r"recv:8\(result:-- fail --\)")
+        srv.set_reply({"code": 0}, path="/vmu/reminder/add", times=1, reply_session=13)
+        app.send(12, '{"t":1}')
+        got = srv.wait_request(path="/vmu/reminder/add", count=2)
+        self.assertEqual(got[0]["body"], got[1]["body"])
+        ag.wait_log(r"recv:12\(result:-- success --\)")
+        # A string "0" counts as success; a SessionId outside 1..20 names nobody.
+        srv.set_reply('{"code":"0"}', path="/vmu/device/detect_result", times=1)
+        app.send(18, "{}")
+        ag.wait_log(r"recv:18\(result:-- success --\)")
+        srv.set_reply({"code": 0}, path="/vmu/device/stop/statistics/upload", times=1, reply_session=9)
+        app.send(10, "{}")
+        srv.wait_request(path="/vmu/device/stop/statistics/upload", count=2, timeout=40)
+        ag.wait_log(r"recv:10\(result:-- success --\)")
+        self.assertNotRegex(ag.log_text(), r"recv:9\(")
+        self.assertEqual(len(srv.requests(path="/vmu/area/param/upload")), 1)
+
+        # Every answer repeated ten times, the first a second late: each releases only its own request.
+        srv.duplicate(10)
+        srv.set_reply({"code": 0}, path=STATS, times=1, delay_ms=1000)
+        bodies = ['{"dup":%d}' % i for i in range(8)]
+        for body in bodies:
+            self.send_and_ack(7, body)
+        self.delivered(bodies, 15)
+        self.assertEqual([t for _, t in read_failhistory(self.db)], [])
+        self.assert_clean()
+
+    def test_replies_are_framed_by_their_length(self):
+        srv, app, ag = self.start_all()
+        big = lambda tag: json.dumps({"code": 0, "data": {"tag": tag, "remark": "检测备注" * 250, "pad": "x" * 2000}},
+                                     ensure_ascii=False, separators=(",", ":"))
+        paths = {7: STATS, 14: "/vmu/device/initial", 17: "/vmu/device/reminder"}
+        for name, behaviour, item, answer in [("split", "split 100", 7, None), ("split query", "split 100", 14, None),
+                                              ("large", "normal", 14, big("i")), ("large", "normal", 17, big("r")),
+                                              ("large split", "split 100", 14, big("s")),
+                                              ("oversize", "oversize 5000", 7, None)]:
+            with self.subTest(name, item=item):
+                srv.command("info " + behaviour)
+                if answer is not None:
+                    srv.set_reply(answer, path=paths[item], times=1)
+                successes = len(re.findall(r"recv:%d\(result:-- success --\)" % item, ag.log_text()))
+                mark = app.mark()
+                app.send(item, "q" if item != 7 else '{"case":"%s"}' % name)
+                ag.wait_log(r"recv:%d\(result:-- success --\)" % item, count=successes + 1, timeout=5)
+                if item != 7:
+                    sent = srv.requests(path=paths[item])[-1]["reply"]
+                    self.assertEqual(sent, answer or sent)
+                    fwd = app.wait_notice(paths[item], since=mark, timeout=5)[0]
+                    self.assertEqual((fwd["body"], fwd["flags"], fwd["session"]), (sent, [], item))
+                    self.assertEqual(app.raw_bytes().count(sent.encode("utf-8")), 1)
+                srv.normal()
+        # Two replies in one read (the request's, held, and the 20 s heartbeat's) are both routed.
+        srv.hold(port="info")
+        app.send(7, '{"held":1}')
+        srv.wait_request(path="/vmu/device/heartbeat", timeout=25)
+        self.assertEqual(srv.flush(port="info"), 2)
+        ag.wait_log(r"heart:\(recv heartpage back r:1\)", timeout=5)
+        srv.normal()
+        # Garbage names nobody: after the bounded wait the request goes again.
+        srv.garbage()
+        app.send(8, '{"g":1}')
+        srv.wait_request(path="/vmu/area/param/upload")
+        time.sleep(1)
+        srv.normal()
+        ag.wait_log(r"recv:8\(result:-- success --\)", timeout=40)
+        self.assertEqual(len(srv.requests(path="/vmu/area/param/upload")), 2)
+        self.assertEqual(ag.log_text().count("recv:7(result:-- success --)"), 3)     # nothing went twice
+        self.assert_clean()
+
+    def test_server_lost_and_back(self):
+        srv, app, ag = self.start_all()
+        srv.down()
+        bodies = ['{"during":%d}' % i for i in range(3)]
+        for body in bodies:
+            app.send(7, body)
+        self.assertEqual(app.wait_notice("reline")[0]["raw_bytes"], NOTICE % (b"reline", b"\\r", 4))
+        rows = read_failhistory(self.db)
+        self.assertTrue(rows and all(t.startswith("POST " + STATS) and ms > 1.6e12 for ms, t in rows), rows)
+        srv.up()
+        self.assertEqual([r["body"] for r in srv.wait_request(path=STATS, count=3, timeout=40)], bodies)
+        # A request in flight goes again once the server is back, cut off or reset, within the 5 s back-off.
+        for n, reset in enumerate((False, True)):
+            in_flight, queued = '{"in_flight":%d}' % n, '{"while_down":%d}' % n
+            srv.silent()
+            app.send(7, in_flight)
+            srv.wait_request(path=STATS, predicate=lambda r: r["body"] == in_flight)
+            srv.down(reset=reset)
+            time.sleep(0.5)
+            self.assertLess(self.send_and_ack(7, queued), 0.5)
+            time.sleep(0.5)
+            up = time.time()
+            srv.up()
+            for body, count in ((in_flight, 2), (queued, 1)):
+                got = srv.wait_request(path=STATS, predicate=lambda r, b=body: r["body"] == b, count=count, timeout=10)
+                self.assertLessEqual(got[-1]["time"] - up, 6.0, body)
+        # A flapping server loses nothing.
+        sent = []
+        for flap in range(3):
+            for i in range(3):
+                sent.append('{"flap":%d,"i":%d}' % (flap, i))
+                app.send(7, sent[-1])
+            time.sleep(0.5)
+            srv.down()
+            time.sleep(1.0)
+            srv.up()
+            time.sleep(0.5)
+        self.delivered(sent, 30)
+        self.wait_until(lambda: read_failhistory(self.db) == [], 5, "failure history emptied")
+        self.assert_clean()
+
+    def test_unreachable_server_and_one_that_closes_after_every_answer(self):
+        srv, app, ag = self.start_all(server_kw={"mode": "down"}, wait_login=False)
+        ag.wait_log(r"send:3\(ERR_NetNoConnect send without connected\)")
+        time.sleep(8)
+        self.assertLessEqual(ag.log_text().count("ERR_NetNoConnect"), 6)     # backing off, no storm
+        srv.up()
+        self.assertEqual(srv.wait_request(path="/vmu/device/login", timeout=40)[0]["session"], 3)
+        ag.wait_log(r"recv:3\(result:-- success --\)")
+        # Blackholed: every message is still acknowledged at once, and all arrive in order later.
+        srv.blackhole()
+        srv.close_connections()
+        bodies, delays = ['{"seq":%d}' % i for i in range(30)], []
+        for body in bodies:
+            delays.append(self.send_and_ack(7, body))
+            time.sleep(max(0.0, 0.2 - delays[-1]))
+        self.assertLess(max(delays), 0.1, delays)
+        srv.closing()
+        self.delivered(bodies, 60)
+        seen = [r["body"] for r in srv.requests(path=STATS)]
+        self.assertEqual(sorted(set(seen), key=seen.index), bodies)
+        self.assertGreaterEqual(ag.log_text().count("socket:(the socket INFO connected)"), 10)
+        self.assert_clean()
+
+    def test_application_restarts_and_file_server_away(self):
+        for code in (1, 0):         # logged in or not
+            srv = self.server_sim(login_code=code)
+            db = self.make_db(name="login%d.db" % code, info_port=srv.info_port, file_port=srv.file_port)
+            first = self.app_sim()
+            ag = self.agent(db=db).start()
+            first.wait_connected(10)
+            ag.wait_log(r"recv:3\(result:-- %s --\)" % ("success" if code == 0 else "fail"))
+            first.stop()
+            time.sleep(3)
+            self.app = self.app_sim(port=APP_PORT)
+            back = time.monotonic()
+            self.app.wait_connected(10)
+            self.assertLessEqual(time.monotonic() - back, 7.0)
+            self.send_and_ack(7, '{"after_restart":%d}' % code, within=2)
+            srv.wait_request(path=STATS, predicate=lambda r: r["body"] == '{"after_restart":%d}' % code)
+            self.assert_clean(ag)
+            ag.stop()
+            self.app.stop()
+        # The file server is away: the template removal is kept and does not hold up the INFO queue.
+        srv, app, ag = self.start_all()
+        srv.down(port="file")
+        app.send(11, "name=t1.bmp")
+        sent = time.time()
+        app.send(7, '{"behind":11}')
+        got = srv.wait_request(path=STATS, predicate=lambda r: r["body"] == '{"behind":11}', timeout=14)[0]
+        self.assertLessEqual(got["time"] - sent, 12.0)
+        kept = lambda: [t for _, t in read_failhistory(self.db) if REMOVE_TEMPLATE in t and "name=t1.bmp" in t]
+        self.wait_until(kept, 5, "template removal kept in the failure history")
+        ag.stop()
+        srv.up(port="file")
+        ag = self.restart()
+        req = srv.wait_request(path=REMOVE_TEMPLATE, timeout=15)[0]
+        self.assertEqual((req["port_name"], req["body"]), ("file", "name=t1.bmp"))
+        self.wait_until(lambda: not kept(), 5, "delivered template removal removed from the history")
+        time.sleep(1)
+        self.assertEqual(len(srv.requests(path=REMOVE_TEMPLATE)), 1)
+        self.assert_clean()
+
+
+PARALLEL = True
+
+if __name__ == "__main__":
+    unittest.main()
