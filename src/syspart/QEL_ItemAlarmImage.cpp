@@ -135,15 +135,15 @@ void QEL_ItemAlarmImage::look(bool atStart)
     if (shell_->stopping())
         return;     // the next start looks
     if (atStart) {
+        QFile packed(packedFile());
+        if (packed.open(QIODevice::ReadOnly))
+            recent_ = parsePackedList(packed.readAll());
         QStringList dirs;
         Item_CheckDir(dirs);
         QStringList kept;
         Item_ResendPolicy(kept);
         // Failed archives go before anything new, in the order found.
         thread->queue.append(kept);
-        QFile packed(packedFile());
-        if (packed.open(QIODevice::ReadOnly))
-            recent_ = parsePackedList(packed.readAll());
     }
     QDateTime since;
     if (!atStart && itemHost()->secondState())
@@ -174,11 +174,30 @@ void QEL_ItemAlarmImage::Item_CheckDir(QStringList& out)
         // above the time file and packed again.
         runShell(QString("rm -f %1*.tar.gz.part").arg(shellQuote(workDir())));
     }
-    if (work.exists() && !work.entryList(QStringList() << "*.tar.gz", QDir::Files).isEmpty()) {
-        // Archives of an earlier run that never got their answer.
+    const QStringList leftovers = work.exists() ? work.entryList(QStringList() << "*.tar.gz", QDir::Files) : QStringList();
+    if (!leftovers.isEmpty()) {
+        // Archives of an earlier run that never got their answer. One killed
+        // between making an archive and writing down what it packed would
+        // otherwise pack the same images again: whatever an archive holds
+        // counts as packed.
+        for (const QString& name : leftovers)
+            rememberPacked(workDir() + name);
         runShell(QString("mv %1*.tar.gz %2").arg(shellQuote(workDir()), shellQuote(failDir)));
     }
     oxa_dir_create(workDir().toUtf8().constData(), "");
+}
+
+void QEL_ItemAlarmImage::rememberPacked(const QString& archive)
+{
+    const ShellCommand::Result listing = shell_->run(
+        QString("tar --quoting-style=literal -tzf %1").arg(shellQuote(archive)).toStdString(),
+        ShellCommand::OnStop::Kill, true);
+    const QDir root(gConfig->apppath);
+    for (const QString& member : QString::fromStdString(listing.output).split('\n', Qt::SkipEmptyParts)) {
+        const QFileInfo image(QDir::cleanPath(root.absoluteFilePath(member)));
+        if (image.isFile())
+            recent_.insert(image.absoluteFilePath(), image.lastModified().toUTC().toMSecsSinceEpoch());
+    }
 }
 
 void QEL_ItemAlarmImage::Item_ResendPolicy(QStringList& queue)

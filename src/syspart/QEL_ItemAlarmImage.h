@@ -84,6 +84,9 @@ private:
     bool streamFile(class QFile& file);
     // Any thread: one shell command that the stop lets finish (mv, rm).
     void runShell(const QString& command);
+    // Packer thread, at start: the images an archive left by an earlier run
+    // holds count as packed by the last look (listed with tar).
+    void rememberPacked(const QString& archive);
 
     // The time file's mark in epoch ms (the default moment when it has none).
     qint64 timeMarkMs() const;

@@ -288,12 +288,6 @@ class AgentTestCase(unittest.TestCase):
     def make_db(self, name="sysconf.db", **kw):
         return make_db(self.path(name), self.work, **kw)
 
-    def bind_read_only(self, directory):
-        assert isolated()
-        subprocess.run(["mount", "--bind", directory, directory], check=True)
-        self._mounts.append(directory)
-        subprocess.run(["mount", "-o", "remount,bind,ro", directory], check=True)
-
     def wait_until(self, predicate, timeout=10, message="condition"):
         deadline = time.monotonic() + timeout
         while True:
@@ -363,7 +357,7 @@ class AgentTestCase(unittest.TestCase):
         """Counter of member names over every archive the server received."""
         return collections.Counter(n for r in (srv or self.srv).archives() for n, _ in r["archive"])
 
-    def wait_uploaded(self, paths, timeout=15, srv=None):
+    def wait_uploaded(self, paths, timeout=30, srv=None):
         want = {self.member(p) for p in paths}
         self.wait_until(lambda: not want - set(self.uploaded(srv)), timeout, "uploads of %d image(s)" % len(want))
 
@@ -372,7 +366,7 @@ class AgentTestCase(unittest.TestCase):
         self.assertEqual({self.member(p): counts[self.member(p)] for p in paths if counts[self.member(p)] != 1}, {},
                          "images not uploaded exactly once (name: times)")
 
-    def fence(self, item=ALARM, srv=None, timeout=15):
+    def fence(self, item=ALARM, srv=None, timeout=30):
         """One more image and a look; once its archive is in, everything packed
         before it is too (the packer and the FILE queue keep their order)."""
         self._fences += 1

@@ -152,12 +152,11 @@ class Durability(AgentTestCase):
     def test_orderly_stop_with_a_silent_server_and_while_connecting(self):
         srv, app, ag = self.start_all()
         srv.silent()
-        app.gap_ms = 20
         bodies = ['{"orderly":%d,"text":"停机前 %d"}' % (i, i) for i in range(50)]
         mark = app.mark()
         for body in bodies:
             app.send(7, body)
-        app.wait_notice("back", since=mark, count=len(bodies))
+        app.wait_notice("back", since=mark, count=len(bodies), timeout=30)
         srv.wait_request(path=STATS)     # the head is on its way, unanswered
         self.stop_with(signal.SIGTERM)
         self.assertEqual(self.stored(), [self.stats_text(b) for b in bodies])     # in order, each once

@@ -250,7 +250,7 @@ class Images(AgentTestCase):
     def test_awkward_names_and_work_while_tar_runs(self):
         awkward = self.write(ALARM, awkward=True, age=AGED) + self.write(TEMPLATE, awkward=True, age=AGED)
         srv, app, ag = self.start_all()
-        self.wait_uploaded(awkward)
+        self.wait_uploaded(awkward, timeout=60)
         # A name taken apart by a shell would have made a "pwned..." file where it ran.
         ran = [f for d in ("/", "/tmp", os.getcwd()) for f in os.listdir(d) if f.startswith(AWKWARD_MARKER)]
         self.assertEqual(ran + [f for _, dirs, files in os.walk(self.work) for f in files + dirs

@@ -239,7 +239,7 @@ class Messages(AgentTestCase):
         for body in bodies:
             delays.append(self.send_and_ack(7, body))
             time.sleep(max(0.0, 0.2 - delays[-1]))
-        self.assertLess(max(delays), 0.1, delays)
+        self.assertLess(max(delays), 1.0, delays)     # never waiting for a connect (5 s)
         srv.closing()
         self.delivered(bodies, 60)
         seen = [r["body"] for r in srv.requests(path=STATS)]

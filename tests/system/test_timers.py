@@ -86,7 +86,9 @@ class Timers(AgentTestCase):
             db = self.make_db(name=name + ".db", info_port=srv.info_port, file_port=srv.file_port,
                               overrides={"logpath": self.path("log-%s/" % name)})
             runs[name] = (srv, self.agent(db=db, log_dir="log-" + name).start())
-        time.sleep(43)
+        for srv, ag in runs.values():    # 20 s and 40 s after the login
+            ag.wait_log(r"heart:\(send to service and application ok\)", count=2, timeout=60)
+        time.sleep(1)
         log = {name: ag.log_text() for name, (srv, ag) in runs.items()}
         self.assertEqual(log["ok"].count("heart:(recv heartpage back r:1)"), 2)
         self.assertNotIn("heart time out", log["ok"])
