@@ -1,0 +1,154 @@
+// What the items read from the application and the machine, and how they
+// name and pack images.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "ImagePacking.h"
+#include "MemoryInfo.h"
+#include "RunStateProbe.h"
+
+namespace {
+
+TEST(ImagePacking, ArchivesHoldAtMostTheirShareAndAreNamedAfterTheirLastImage)
+{
+    auto images = [](int count) {
+        QStringList out;
+        for (int i = 0; i < count; ++i)
+            out << QString("/aoi/alarmimage/camera1/detect2/NG/%1.jpg").arg(i);
+        return out;
+    };
+    const auto now = [] { return QDateTime(QDate(2026, 11, 22), QTime(8, 9, 10, 11)); };
+    const struct { int images, perArchive; QList<int> lastIndices; } cases[] = {
+        {10, 10, {9}}, {11, 10, {9, 10}}, {25, 10, {9, 19, 24}}, {3, 1, {0, 1, 2}}, {0, 10, {}}};
+    for (const auto& c : cases) {
+        const QVector<TarJob> jobs = planArchives(images(c.images), "/aoi/", "/work/", c.perArchive, now);
+        ASSERT_EQ(jobs.size(), c.lastIndices.size()) << c.images << "/" << c.perArchive;
+        int member = 0;
+        for (int j = 0; j < jobs.size(); ++j) {
+            EXPECT_EQ(jobs[j].archive, QString("/work/Tar_20261122080910011_%1.tar.gz").arg(c.lastIndices[j]));
+            for (const QString& m : jobs[j].members)
+                EXPECT_EQ(m, QString("./alarmimage/camera1/detect2/NG/%1.jpg").arg(member++));
+        }
+        EXPECT_EQ(member, c.images);
+    }
+    EXPECT_EQ(planArchives(images(2), "/aoi/", "/work/", 10, now)[0].command,
+              "tar -C '/aoi/' -zcf '/work/Tar_20261122080910011_1.tar.gz.part' "
+              "'./alarmimage/camera1/detect2/NG/0.jpg' './alarmimage/camera1/detect2/NG/1.jpg'");
+}
+
+TEST(ImagePacking, TimeFiles)
+{
+    const QDateTime fallback = QDateTime::fromMSecsSinceEpoch(1);
+    EXPECT_EQ(parseTimeFile("1795335870955\n", fallback).toMSecsSinceEpoch(), 1795335870955LL);
+    EXPECT_EQ(parseTimeFile("soon", fallback), fallback);
+    // What a look packed above its time file survives a restart, whatever the names.
+    QHash<QString, qint64> packed;
+    qint64 ms = 1795335870955LL;
+    for (const char* name : {"/a/with space.jpg", "/a/line\nbreak.jpg", "/a/100%.jpg", "/a/图像.jpg"})
+        packed.insert(QString::fromUtf8(name), ms++);
+    EXPECT_EQ(parsePackedList(packedListText(packed)), packed);
+    EXPECT_EQ(parsePackedList("garbage\n12\nx /a.jpg\n7 %2Fb.jpg\n"), (QHash<QString, qint64>{{"/b.jpg", 7}}));
+}
+
+TEST(MemoryInfo, ElementsAreUsableOnlyWhenCompleteAndInRange)
+{
+    const std::string good = R"({"shmid":5,"semid":6,"cameraid":12,"size":1966080,"width":1280,"height":1024,"fps":20})";
+    const std::pair<const char*, bool> elements[] = {
+        {R"({"shmid":5,"semid":6,"cameraid":1,"size":10,"width":2,"height":2})", false},     // a key missing
+        {R"({"shmid":"5","semid":6,"cameraid":1,"size":10,"width":2,"height":2,"fps":20})", false},
+        {R"({"shmid":5,"semid":6,"cameraid":1,"size":10.5,"width":2,"height":2,"fps":20})", false},
+        {R"({"shmid":5,"semid":6,"cameraid":1,"size":0,"width":2,"height":2,"fps":20})", false},
+        {R"({"shmid":5,"semid":6,"cameraid":1,"size":10,"width":-2,"height":2,"fps":20})", false},
+        {R"({"shmid":5,"semid":6,"cameraid":2147483647,"size":10,"width":2,"height":2,"fps":20})", false},
+        {R"({"shmid":5e20,"semid":6,"cameraid":1,"size":10,"width":2,"height":2,"fps":20})", false},
+        {"7", false},
+        {R"({"ShmId":5,"SEMID":6,"cameraId":1,"Size":10,"Width":2,"Height":2,"FPS":20})", true},
+    };
+    for (const auto& [element, usable] : elements) {
+        QList<CameraAnnounce> cameras;
+        ASSERT_TRUE(memoryinfo::parseAnnouncement(QByteArray::fromStdString("{\"memoryinfo\":[" + std::string(element) + "," + good + "]}"),
+                                                  cameras));
+        ASSERT_EQ(cameras.size(), 2);
+        EXPECT_EQ(cameras[0].usable, usable) << element;
+        EXPECT_TRUE(cameras[1].usable);     // one bad element spoils nothing else
+    }
+    QList<CameraAnnounce> cameras;
+    ASSERT_TRUE(memoryinfo::parseAnnouncement(QByteArray::fromStdString("{\"MemoryInfo\":[" + good + "]}"), cameras));
+    const CameraAnnounce& c = cameras[0];
+    EXPECT_EQ((std::vector<int>{c.shmid, c.semid, c.cameraid, c.size, c.width, c.height, c.fps, c.shmProject, c.semProject}),
+              (std::vector<int>{5, 6, 12, 1966080, 1280, 1024, 20, 10012, 20012}));
+    for (const char* body : {"", "not json", "{}", "{\"memoryinfo\":{}}", "[1,2]"})
+        EXPECT_FALSE(memoryinfo::parseAnnouncement(QByteArray(body), cameras)) << body;
+}
+
+TEST(MemoryInfo, FramesMustFitTheSideLimitAndTheSegment)
+{
+    const struct { int width, height; unsigned long long segment; bool fits; } cases[] = {
+        {1280, 1024, 1966080, true}, {1280, 1024, 1966079, false},
+        {3, 3, 9 + 2 * 4, true}, {3, 3, 9 + 2 * 4 - 1, false},      // odd sides round the chroma planes up
+        {8192, 8192, 1ULL << 40, true}, {8193, 2, 1ULL << 40, false}, {2, 8193, 1ULL << 40, false},
+    };
+    for (const auto& c : cases) {
+        CameraAnnounce camera;
+        camera.width = c.width;
+        camera.height = c.height;
+        EXPECT_EQ(memoryinfo::frameFits(camera, c.segment), c.fits) << c.width << "x" << c.height << " in " << c.segment;
+    }
+    const struct { int prefix, camera; bool ok; int project; } projects[] = {
+        {100, 0, true, 1000}, {200, 11, true, 20011}, {100, 9999999, true, 1009999999}, {300, 9999999, false, 0},
+        {100, -1, false, 0}};
+    for (const auto& p : projects) {
+        int project = 0;
+        EXPECT_EQ(memoryinfo::project(p.prefix, p.camera, project), p.ok) << p.camera;
+        EXPECT_EQ(project, p.project) << p.camera;
+    }
+}
+
+// The processor share is 100 % less the idle share, the memory share used
+// over total, both in hundredths of a percent; -1 when not read.
+TEST(ParseTopOutput, CpuAndMemory)
+{
+    const struct { const char* name; const char* text; long long cpu, memory; } cases[] = {
+        {"old procps",
+         "%Cpu(s):  2.5 us,  0.0 sy,  0.0 ni, 97.5 id,  0.0 wa,  0.0 hi,  0.0 si,  0.0 st\n"
+         "KiB Mem:   8069432 total,  2340000 used,  5729432 free,   180212 buffers\n"
+         "KiB Swap:  8263676 total,        0 used,  8263676 free.  1520344 cached Mem\n", 250, 2899},
+        {"procps-ng 4: swap has total and used too",
+         "%Cpu(s):  1.6 us,  0.0 sy,  0.0 ni, 98.4 id,  0.0 wa,  0.0 hi,  0.0 si,  0.0 st \n"
+         "MiB Mem :  15996.6 total,   9000.1 free,   4000.2 used,   2996.3 buff/cache     \n"
+         "MiB Swap:   2048.0 total,   2048.0 free,      0.0 used.  11996.4 avail Mem \n", 160, 2500},
+        {"GiB", "GiB Mem :     15.6 total,      8.8 free,      3.9 used,      2.9 buff/cache\n", -1, 2500},
+        {"idle 100.0", "%Cpu(s):  0.0 us,  0.0 sy,  0.0 ni,100.0 id,  0.0 wa\n", 0, -1},
+        {"idle 0.0", "%Cpu(s):  0.0 us,100.0 sy,  0.0 ni,  0.0 id,  0.0 wa\n", 10000, -1},
+        {"idle 99.9", "%Cpu(s):  0.1 us,  0.0 sy,  0.0 ni, 99.9 id\n", 10, -1},
+        {"idle nan", "%Cpu(s):  0.0 us,  nan id\n", -1, -1},
+        {"total 0", "MiB Mem :      0.0 total,      0.0 free,      0.0 used\n", -1, -1},
+        {"later lines overwrite",
+         "%Cpu(s):  2.5 us, 97.5 id\nKiB Mem:   8069432 total,  2340000 used\n"
+         "%Cpu(s):  6.2 us, 93.8 id\nKiB Mem:         0 total,  2340000 used\n", 620, -1},
+    };
+    for (const auto& c : cases) {
+        const RunStateSample s = parseTopOutput(QString::fromUtf8(c.text));
+        EXPECT_EQ(std::make_pair(s.cpu, s.memory), std::make_pair(c.cpu, c.memory)) << c.name;
+    }
+}
+
+TEST(ComposeRunStateBody, AppendsToAnObjectAndRejectsTheRest)
+{
+    RunStateSample s;
+    s.cpu = 250;
+    s.memory = 2899;
+    QString out;
+    ASSERT_TRUE(composeRunStateBody(QStringLiteral("{\"machine\":\"机台1\",\"ok\":true}"), s, out));
+    EXPECT_EQ(out, QString::fromUtf8("{\n\t\"machine\":\t\"机台1\",\n\t\"ok\":\ttrue,\n"
+                                     "\t\"cpu\":\t250,\n\t\"memory\":\t2899,\n\t\"nearstart\":\t-1\n}"));
+    for (const char* in : {"", "{", "{\"a\":}", "[1,2]", "null"}) {
+        out = QStringLiteral("untouched");
+        EXPECT_FALSE(composeRunStateBody(QString::fromUtf8(in), RunStateSample(), out)) << in;
+        EXPECT_EQ(out, QStringLiteral("untouched"));
+    }
+}
+
+}  // namespace
