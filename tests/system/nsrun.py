@@ -1,17 +1,10 @@
 #!/usr/bin/env python3
-"""Run one system-test file inside private namespaces:
-
-    python3 tests/system/nsrun.py tests/system/test_X.py [unittest args]
-
-Outside them (QEL_IN_NS unset) it re-executes itself under `unshare --net
---ipc --uts --mount`. Inside it brings up lo, sets the host name
-"qel-test-host" and puts a tmpfs over /root/bin-AOI, the agent's default tree
-(made inside an overlay of /root when it does not exist, so nothing is
-created on the real disk), checks that only lo is up with no default route,
-runs the file as a unittest module and prints "N passed, N failed" last.
-A file that sets PARALLEL = True has each of its tests run at the same time,
-each in namespaces of its own: scenarios that wait on the agent's timers pay
-for the wait once."""
+"""Runs one system-test file inside private network, IPC, UTS and mount
+namespaces (re-executing itself under unshare): only lo up, the host name
+"qel-test-host", a tmpfs over /root/bin-AOI (made in an overlay of /root when
+missing, so nothing is created on the real disk). A file that sets PARALLEL =
+True has each of its tests run at the same time in namespaces of their own.
+    python3 tests/system/nsrun.py tests/system/test_X.py [Class.method]"""
 
 import importlib.util
 import os

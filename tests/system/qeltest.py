@@ -170,10 +170,6 @@ class Agent:
                                          preexec_fn=lambda: _prctl(1, signal.SIGKILL))
         return self
 
-    @property
-    def pid(self):
-        return self.proc.pid
-
     def is_running(self):
         return self.proc is not None and self.proc.poll() is None
 
@@ -213,7 +209,7 @@ class Agent:
         for d in filter(os.path.isdir, self.log_dirs()):
             for n in sorted(os.listdir(d)):
                 p = os.path.join(d, n)
-                if "INFO" in n and n.endswith(".%dlog" % self.pid) and not os.path.islink(p):
+                if "INFO" in n and n.endswith(".%dlog" % self.proc.pid) and not os.path.islink(p):
                     with open(p, encoding="utf-8", errors="replace") as f:
                         text += f.read()
         return text
