@@ -57,10 +57,6 @@ class Timers(AgentTestCase):
     def test_login_unanswered_twice_then_answered(self):
         self.srv = srv = self.server_sim()
         srv.set_reply(None, path=LOGIN, times=2)
-        refused = self.server_sim(login_code=1)
-        db = self.make_db(name="refused.db", info_port=refused.info_port, file_port=refused.file_port,
-                          overrides={"logpath": self.path("log-refused/")})
-        other = self.agent(db=db, log_dir="log-refused").start()
         self.app = app = self.app_sim()
         self.db = self.make_db(info_port=srv.info_port, file_port=srv.file_port)
         ag = self.restart()
@@ -72,20 +68,19 @@ class Timers(AgentTestCase):
         self.assertEqual([r for r in srv.requests(path=HEART) if r["time"] < logins[2]["time"]], [])
         srv.wait_request(path=HEART, timeout=25)
         app.wait_notice("heart")
-        # A refused login is final: no heartbeat at all.
-        self.assertIn("recv:3(result:-- fail --)", other.log_text())
-        self.assertEqual(refused.requests(path=HEART), [])
-        self.assert_clean(other)
         self.assert_clean()
 
     def test_heartbeat_acknowledgement_words_and_the_39_second_bound(self):
+        """Side by side, without the application link: answered "ok", "Ok", not at
+        all, and a refused login, which is final: no heartbeat at all."""
         runs = {}
-        for name, reply in (("ok", {"msg": "ok"}), ("Ok", {"msg": "Ok"}), ("silent", None)):
-            srv = self.server_sim()
+        for name, reply in (("ok", {"msg": "ok"}), ("Ok", {"msg": "Ok"}), ("silent", None), ("refused", None)):
+            srv = self.server_sim(login_code=1 if name == "refused" else None)
             srv.set_reply(reply, path=HEART)
             db = self.make_db(name=name + ".db", info_port=srv.info_port, file_port=srv.file_port,
                               overrides={"logpath": self.path("log-%s/" % name)})
             runs[name] = (srv, self.agent(db=db, log_dir="log-" + name).start())
+        refused_srv, refused = runs.pop("refused")
         for srv, ag in runs.values():    # 20 s and 40 s after the login
             ag.wait_log(r"heart:\(send to service and application ok\)", count=2, timeout=60)
         time.sleep(1)
@@ -101,6 +96,9 @@ class Timers(AgentTestCase):
             self.assertEqual(len(srv.requests(path=HEART)), 2, name)
             self.assertEqual(log[name].count("heart:(send to service and application ok)"), 2, name)
             self.assert_clean(ag)
+        self.assertIn("recv:3(result:-- fail --)", refused.log_text())
+        self.assertEqual(refused_srv.requests(path=HEART), [])
+        self.assert_clean(refused)
 
 
 PARALLEL = True
