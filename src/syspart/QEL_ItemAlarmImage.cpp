@@ -293,11 +293,14 @@ QEL_ItemAlarmImage::Packed QEL_ItemAlarmImage::pack(const QStringList& files, in
             continue;
         }
         out.complete = false;
-        if (r.status >= 0)
-            LOG(INFO) << "pack:" << number << "(tar failed with status " << r.status << ": "
-                      << job.archive.toUtf8().constData() << " removed, its " << images.size()
-                      << " images are left for the next look)";
+        if (r.status < 0)
+            break;      // the agent is stopping: the rest is not even begun
+        LOG(INFO) << "pack:" << number << "(tar failed with status " << r.status << ": "
+                  << job.archive.toUtf8().constData() << " removed, its " << images.size()
+                  << " images are left for the next look)";
         runShell(QString("rm -f %1").arg(shellQuote(job.partial)));
+        if (shell_->stopping())
+            break;      // ended by the stop: the next start packs the rest
     }
     return out;
 }
