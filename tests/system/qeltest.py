@@ -53,10 +53,9 @@ def read_sysconf(db):
 
 
 def read_failhistory(db):
-    """[(ms, text)] in row order; [] when the table does not exist."""
-    if not query(db, "select 1 from sqlite_master where name='info_failhistory'"):
-        return []
-    return query(db, "select 发送时间, 内容 from info_failhistory order by rowid")
+    """[(ms, text)] in row order; [] without the table."""
+    return query(db, "select 发送时间, 内容 from info_failhistory order by rowid") if query(
+        db, "select 1 from sqlite_master where name='info_failhistory'") else []
 
 
 def seed_failhistory(db, texts, ms=1700000000000):
@@ -137,7 +136,7 @@ def decoded_frames(path):
 def decode_errors(path):
     r = subprocess.run(["ffmpeg", "-hide_banner", "-v", "error", "-i", path, "-f", "null", "-"],
                        stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, universal_newlines=True, timeout=120)
-    return r.stderr.strip() if r.returncode == 0 else (r.stderr.strip() or "exit status %d" % r.returncode)
+    return r.stderr.strip() or ("" if r.returncode == 0 else "exit status %d" % r.returncode)
 
 
 def segment_exists(camera):
@@ -181,7 +180,7 @@ class Agent:
 
     def kill9(self):
         self.proc.kill()
-        return self.proc.wait()
+        self.proc.wait()
 
     def stop(self):
         """SIGTERM, SIGKILL after 5 s; the exit status."""
@@ -194,14 +193,13 @@ class Agent:
         return self.proc.wait() if self.proc else None
 
     def log_dirs(self):
-        if self._log_dir is not None:
-            return [os.path.join(self.workdir, self._log_dir)]
+        """Its own, else the database's "logpath", else ./qel_net/qel_log."""
         db = os.path.join(self.workdir, self.args[0] if len(self.args) == 1 else "sysconf.db")
         try:
-            logpath = [v for k, v, _ in read_sysconf(db) if k == "logpath"]
+            dirs = [self._log_dir] if self._log_dir else [v for k, v, _ in read_sysconf(db) if k == "logpath"]
         except (OSError, sqlite3.Error):
-            logpath = []
-        dirs = [os.path.realpath(os.path.join(self.workdir, d)) for d in logpath + ["./qel_net/qel_log"]]
+            dirs = []
+        dirs = [os.path.realpath(os.path.join(self.workdir, d)) for d in dirs + ["./qel_net/qel_log"]]
         return sorted(set(dirs), key=dirs.index)
 
     def log_text(self):
@@ -242,9 +240,7 @@ class Agent:
 
     def assert_quiet(self):
         hit = BAD_STDERR.search(self.stderr_text())
-        if hit:
-            raise AssertionError("thread warning or sanitizer report in stderr: %r\n%s" % (hit.group(0),
-                                                                                        self.diagnostics(80)))
+        assert not hit, "thread warning or sanitizer report: %r\n%s" % (hit.group(0), self.diagnostics(80))
 
 
 class AgentTestCase(unittest.TestCase):
@@ -265,21 +261,19 @@ class AgentTestCase(unittest.TestCase):
 
     def _sim(self, sim):
         self._sims.append(sim)
-        return sim.start() if not isinstance(sim, Camera) else sim
+        return sim.start()
 
-    def server_sim(self, info_port=0, file_port=0, **kw):
-        return self._sim(ServerSim(info_port, file_port, **kw))
+    def server_sim(self, **kw):
+        return self._sim(ServerSim(**kw))
 
-    def app_sim(self, port=APP_PORT, **kw):
-        return self._sim(AppSim(port, **kw))
+    def app_sim(self, **kw):
+        return self._sim(AppSim(APP_PORT, **kw))
 
-    def cdn_sink(self, port=0, **kw):
-        kw.setdefault("directory", self.path("streams-%d" % len(self._sims)))
-        return self._sim(CdnSink(port, **kw))
+    def cdn_sink(self, **kw):
+        return self._sim(CdnSink(0, directory=self.path("streams-%d" % len(self._sims)), **kw))
 
-    def camera(self, number, width=640, height=480, fps=20, start=True, **kw):
-        cam = self._sim(Camera(number, width, height, fps=fps, **kw))
-        return cam.start() if start else cam
+    def camera(self, number, width=640, height=480):
+        return self._sim(Camera(number, width, height, fps=20))
 
     def make_db(self, name="sysconf.db", **kw):
         return make_db(self.path(name), self.work, **kw)
@@ -326,9 +320,8 @@ class AgentTestCase(unittest.TestCase):
         return time.monotonic() - t0
 
     def assert_clean(self, agent=None):
-        agent = agent or self.ag
-        self.assertTrue(agent.is_running(), "agent is not running any more")
-        agent.assert_quiet()
+        self.assertTrue((agent or self.ag).is_running(), "agent is not running any more")
+        (agent or self.ag).assert_quiet()
 
     # ---- images --------------------------------------------------------------------
 
@@ -349,27 +342,27 @@ class AgentTestCase(unittest.TestCase):
     def member(self, path):
         return "./" + os.path.relpath(path, self.apppath)
 
-    def uploaded(self, srv=None):
+    def uploaded(self):
         """Counter of member names over every archive the server received."""
-        return collections.Counter(n for r in (srv or self.srv).archives() for n, _ in r["archive"])
+        return collections.Counter(n for r in self.srv.archives() for n, _ in r["archive"])
 
-    def wait_uploaded(self, paths, timeout=30, srv=None):
+    def wait_uploaded(self, paths, timeout=30):
         want = {self.member(p) for p in paths}
-        self.wait_until(lambda: not want - set(self.uploaded(srv)), timeout, "uploads of %d image(s)" % len(want))
+        self.wait_until(lambda: not want - set(self.uploaded()), timeout, "uploads of %d image(s)" % len(want))
 
-    def assert_uploaded_once(self, paths, srv=None):
-        counts = self.uploaded(srv)
+    def assert_uploaded_once(self, paths):
+        counts = self.uploaded()
         self.assertEqual({self.member(p): counts[self.member(p)] for p in paths if counts[self.member(p)] != 1}, {},
                          "images not uploaded exactly once (name: times)")
 
-    def fence(self, item=ALARM, srv=None, timeout=30):
+    def fence(self, item=ALARM):
         """One more image and a look; once its archive is in, everything packed
         before it is too (the packer and the FILE queue keep their order)."""
         self._fences += 1
         name = self.member(self.write(item, prefix="fence%d" % self._fences)[0])
         self.app.send(item, "")
-        return (srv or self.srv).wait_request(lambda r: r.get("archive") and name in [m for m, _ in r["archive"]],
-                                             port="file", timeout=timeout)[0]
+        return self.srv.wait_request(lambda r: name in [m for m, _ in r.get("archive") or []], port="file",
+                                     timeout=30)[0]
 
     def archives_in(self, directory):
         return sorted(n for n in os.listdir(directory) if n.endswith(".tar.gz")) if os.path.isdir(directory) else []
@@ -407,7 +400,7 @@ class AgentTestCase(unittest.TestCase):
                      self._outcome.result.failures + self._outcome.result.errors)
         for thing in self._agents + self._sims[::-1]:
             try:
-                thing.close() if isinstance(thing, Camera) else thing.stop()
+                thing.close() if isinstance(thing, Camera) else thing.stop()     # a camera removes its buffer
             except Exception as e:  # keep tearing down
                 sys.stderr.write("stopping %r: %s\n" % (thing, e))
         for d in reversed(self._mounts):
