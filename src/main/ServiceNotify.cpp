@@ -61,9 +61,10 @@ ServiceNotify::ServiceNotify(NetWorkConsole* console, QObject* parent)
 
 void ServiceNotify::ready()
 {
+    // Logged first: whoever sees the service active finds the line.
+    LOG(INFO) << "systemd:" << "(ready: configuration and failure history read)";
     updateStatus();
     notify("READY=1");
-    LOG(INFO) << "systemd:" << "(ready: configuration and failure history read)";
     // Checked once a second; systemd hears only a line that changed.
     auto* status = new QTimer(this);
     connect(status, &QTimer::timeout, this, &ServiceNotify::updateStatus);
