@@ -59,7 +59,9 @@ class Package(unittest.TestCase):
         # everything lives under /usr: no configuration, no working directory
         self.assertEqual([p for p in entries if not p.startswith("/usr/")], [])
         self.assertIn("stripped", run("file", self.root + "/usr/bin/qel_net").stdout.replace("not stripped", ""))
-        self.assertEqual(run(self.root + "/usr/bin/qel_net", "--version").stdout, "qel_net %s\n" % self.version)
+        answers = [run(self.root + "/usr/bin/qel_net", arg) for arg in ("--version", "--help")]
+        self.assertEqual([(r.returncode, r.stdout.split("\n")[0]) for r in answers],
+                         [(0, "qel_net " + self.version), (0, "usage: qel_net [DATABASE]")])
 
     def test_debian_checker_finds_nothing_and_the_unit_exposes_little(self):
         r = run("lintian", "--fail-on", "error,warning", self.deb)
