@@ -15,7 +15,7 @@ from qeltest import SRC
 
 UNIT = "qel_net.service"
 UNIT_PATH = "usr/lib/systemd/system/" + UNIT
-SCENARIO_TIMEOUT = 150      # seconds; the container is killed after that
+SCENARIO_TIMEOUT = 120      # seconds; the container is killed after that
 
 
 def run(*cmd, **kw):
