@@ -5,7 +5,6 @@
 #include <QString>
 
 class NetWorkConsole;
-class QTimer;
 
 // What systemd is told about the agent when it runs as the service
 // (Type=notify): ready once the configuration and the failure history are
