@@ -4,7 +4,8 @@
 #   <prefix>/bin/qel_net                          the agent
 #   <prefix>/lib/systemd/system/qel_net.service   its systemd unit
 #   <prefix>/share/qel-net/tools/                 simulators and the configuration writer
-#   <prefix>/share/doc/qel-net/                   README and design notes
+#   <prefix>/share/doc/qel-net/                   README, design notes, copyright, changelog
+#   <prefix>/share/man/man8/qel_net.8.gz          the manual page
 
 include(GNUInstallDirs)
 
@@ -31,8 +32,21 @@ install(PROGRAMS tools/qel_server_sim.py tools/qel_app_sim.py tools/qel_cdn_sink
         DESTINATION ${QEL_TOOLS_DIR})
 install(FILES tools/qel_simnet.py tools/README.md DESTINATION ${QEL_TOOLS_DIR})
 
-install(FILES README.md docs/design.md docs/benchmarks.md
+install(FILES README.md docs/design.md docs/benchmarks.md packaging/copyright
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/qel-net)
+
+# The manual page (with the project's version) and the Debian changelog go
+# compressed, as Debian keeps them: gzip -9n, no name or time stamp inside.
+# The version has no Debian revision (a native package), so the changelog
+# is changelog.gz rather than changelog.Debian.gz.
+configure_file(packaging/qel_net.8 ${CMAKE_BINARY_DIR}/packaging/qel_net.8 @ONLY)
+install(CODE "foreach(page qel_net.8 changelog)
+  execute_process(COMMAND gzip -9nc \"${CMAKE_BINARY_DIR}/packaging/\${page}\"
+                  OUTPUT_FILE \"${CMAKE_BINARY_DIR}/packaging/\${page}.gz\" COMMAND_ERROR_IS_FATAL ANY)
+endforeach()")
+configure_file(packaging/changelog ${CMAKE_BINARY_DIR}/packaging/changelog COPYONLY)
+install(FILES ${CMAKE_BINARY_DIR}/packaging/qel_net.8.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+install(FILES ${CMAKE_BINARY_DIR}/packaging/changelog.gz DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/qel-net)
 
 # ---- Debian package (cpack -G DEB) ------------------------------------------
 
@@ -66,5 +80,7 @@ set(CPACK_DEBIAN_PACKAGE_SUGGESTS "python3, sqlite3")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${CMAKE_CURRENT_LIST_DIR}/postinst ${CMAKE_CURRENT_LIST_DIR}/prerm ${CMAKE_CURRENT_LIST_DIR}/postrm)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+# The agent ships stripped; its debug symbols stay in the build tree.
+set(CPACK_STRIP_FILES ON)
 
 include(CPack)

@@ -1,6 +1,7 @@
 #include <QCoreApplication>
 #include <QString>
 #include <cstdio>
+#include <string>
 #include <sys/prctl.h>
 #if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
 #include <QTextCodec>
@@ -11,6 +12,7 @@
 #include "GLog.h"
 #include "NetWorkConsole.h"
 #include "QEL_SQLConf.h"
+#include "ServiceNotify.h"
 #include "StopSignals.h"
 #include "globals.h"
 #include "oxa_dir.h"
@@ -30,8 +32,34 @@ void chkDirComplete()
         LOG(INFO) << "tdata create wrong:" << true;
 }
 
+// "--version" and "--help" as the only argument answer and end; any other
+// single argument is the database path. Returns true when it answered.
+static bool answeredOption(int argc, char* argv[])
+{
+    if (argc != 2)
+        return false;
+    const std::string arg = argv[1];
+    if (arg == "--version") {
+        printf("qel_net " QEL_VERSION "\n");
+        return true;
+    }
+    if (arg == "--help") {
+        printf("usage: qel_net [DATABASE]\n"
+               "The network agent of the inspection machine: reports what the inspection\n"
+               "application sends on 127.0.0.1:8890 to the central server.\n"
+               "DATABASE is the SQLite configuration database (default ./sysconf.db);\n"
+               "it also keeps the requests not yet delivered. SIGTERM or SIGINT stop the\n"
+               "agent in order. See qel_net(8).\n");
+        return true;
+    }
+    return false;
+}
+
 int main(int argc, char* argv[])
 {
+    if (answeredOption(argc, argv))
+        return 0;
+
     // The video encoder asks for transparent huge pages for its frames, which
     // rounds every frame plane up to 2 MiB of resident memory (about 5 MiB
     // more per camera); 4 KiB pages keep a camera's frames at their size.
@@ -56,9 +84,11 @@ int main(int argc, char* argv[])
         LOG(INFO) << "log:" << "(log files older than " << GLog::kKeepLogDays << " days are removed)";
         gConsole = new NetWorkConsole(&app, dbPath);
         gConsole->FirstInit();
+        ServiceNotify::attach(gConsole, &app);
         new StopSignals(
             [&app](int signo) {
                 LOG(INFO) << "stop:" << "(signal " << signo << ", stopping in order)";
+                ServiceNotify::stopping();
                 gConsole->stop();
                 app.quit();
             },
