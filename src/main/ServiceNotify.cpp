@@ -83,7 +83,7 @@ void ServiceNotify::updateStatus()
 QString ServiceNotify::statusLine() const
 {
     const NetWorkConsole& console = *console_;
-    const QString server = console.loggedIn                ? "logged in"
+    const QString server = console.loggedIn()              ? "logged in"
                            : console.socketInfo->connected ? "connected, not logged in"
                                                            : "not connected";
     const auto* video = static_cast<const QEL_ItemVideo*>(console.items[9]);
