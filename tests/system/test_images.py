@@ -19,7 +19,6 @@ from qel_app_sim import AWKWARD_MARKER
 HOUR = 3600
 SETTLE = 0.3       # images meant for a look are written this long before it
 AGED = 10          # images "already there" before a start are dated this far back
-ACCEPTED = '{"code":0}'
 
 
 def index_of(path):
@@ -36,16 +35,15 @@ def names(record):
 
 class Images(AgentTestCase):
 
-    def wait_file_quiet(self, quiet=1.0, limit=30):
+    def wait_file_quiet(self, quiet=1.0):
         """Until no request has reached the file port for `quiet` seconds."""
-        count, since, start = -1, time.monotonic(), time.monotonic()
-        while time.monotonic() - start < limit:
+        last = [None, 0.0]      # request count, since when
+
+        def quiet_enough():
             n = len(self.srv.requests(port="file"))
-            count, since = (n, time.monotonic()) if n != count else (count, since)
-            if time.monotonic() - since >= quiet:
-                return
-            time.sleep(0.05)
-        self.fail("file port still busy after %.1fs" % limit)
+            last[:] = [n, time.monotonic()] if n != last[0] else last
+            return time.monotonic() - last[1] >= quiet
+        self.wait_until(quiet_enough, 30, "file port quiet")
 
     def settle_and_check(self, images, fences=(ALARM,)):
         """A look after everything (fence): every image once, byte for byte, no archive left."""
@@ -64,11 +62,11 @@ class Images(AgentTestCase):
         self.assert_clean()
 
     def accepted(self):
-        return [n for r in self.srv.archives() if r["reply"] == ACCEPTED for n in names(r)]
+        return [n for r in self.srv.archives() if r["reply"] == '{"code":0}' for n in names(r)]
 
     def time_file(self):
         with open(os.path.join(self.workdir(ALARM), "time.txt")) as f:
-            return int(f.read().strip())
+            return int(f.read())
 
     def restart_and_reconnect(self):
         links, logins = self.app.connection_count(), len(self.srv.requests(path="/vmu/device/login"))
@@ -101,12 +99,11 @@ class Images(AgentTestCase):
         self.assertEqual(sorted((os.path.dirname(p) == self.workdir(ALARM), index_of(p), len(r["archive"]))
                                 for p, r in zip(sent, srv.archives())),
                          [(False, 0, 1), (False, 1, 1), (True, 9, 10), (True, 10, 1)])
-        for p, r in zip(sent, srv.archives()):
-            stamp = ARCHIVE_NAME.match(os.path.basename(p)).group(1)
-            when = datetime.datetime.strptime(stamp[:14], "%Y%m%d%H%M%S").timestamp() + int(stamp[14:]) / 1000
-            self.assertTrue(began - 1 <= when <= time.time() + 1, p)
-            self.assertEqual((r["method"], r["path"]), ("POST", IMAGE_UPLOAD))
-            self.assertEqual(r["session"], ALARM if "/alarmimage/" in names(r)[0] else TEMPLATE)
+        for p, r in zip(sent, srv.archives()):   # named after the local time of packing
+            when = datetime.datetime.strptime(ARCHIVE_NAME.match(os.path.basename(p)).group(1), "%Y%m%d%H%M%S%f")
+            self.assertTrue(began - 1 <= when.timestamp() <= time.time() + 1, p)
+            self.assertEqual((r["method"], r["path"], r["session"]),
+                             ("POST", IMAGE_UPLOAD, ALARM if "/alarmimage/" in names(r)[0] else TEMPLATE))
         self.assertFalse(set(map(self.member, beyond)) & set(self.uploaded()))
         # Alarm images ten to an archive, named after the index of its last image; templates one each.
         for n, (item, count, want) in enumerate([(ALARM, 1, [(0, 1)]), (ALARM, 21, [(9, 10), (19, 10), (20, 1)]),

@@ -1,7 +1,6 @@
 """The simulator fault modes that would let a scenario pass while doing
 nothing: each is checked against a plain Python client (no agent)."""
 
-import os
 import socket
 import time
 import unittest
@@ -31,41 +30,24 @@ def reads(sock, quiet=0.4):
 class SimulatorFaults(AgentTestCase):
 
     def test_answer_shapes_arrive_as_the_scenarios_assume(self):
+        """Duplicated and split answers, and held ones flushed together: no scenario
+        could tell if these silently arrived as one plain answer."""
         srv = self.server_sim()
-        for mode, want_reads in (("duplicate 300", 2), ("split 300", 2), ("garbage", 1), ("silent", 0)):
+        for mode in ("duplicate 300", "split 300"):
             with self.subTest(mode), socket.create_connection(("127.0.0.1", srv.info_port)) as c:
                 srv.command("info " + mode)
                 c.sendall(request("/vmu/device/runstate", 19))
                 got = reads(c)
-                self.assertEqual(len(got), want_reads, got)
-                if mode.startswith("split"):
-                    self.assertTrue(got[0][1].endswith(b"\r\n\r\n") and b"\r\n\r\n" not in got[1][1], got)
-                if want_reads == 2:
-                    self.assertGreaterEqual(got[1][0] - got[0][0], 0.25)
+                self.assertEqual(len(got), 2, got)
+                self.assertGreaterEqual(got[1][0] - got[0][0], 0.25)
+                self.assertEqual(got[0][1] == got[1][1], mode.startswith("duplicate"))
         srv.hold(port="info")
         with socket.create_connection(("127.0.0.1", srv.info_port)) as c:
             c.sendall(request("/vmu/device/runstate", 19) + request("/vmu/reminder/add", 12))
-            srv.wait_request(count=6)
+            srv.wait_request(count=4)
             self.assertEqual(reads(c, 0.3), [])
             self.assertEqual(srv.flush(port="info"), 2)
             self.assertEqual(len(reads(c)), 1)      # both answers in one write
-
-    def test_a_stalled_peer_stops_reading(self):
-        srv, sink = self.server_sim(), self.cdn_sink()
-        srv.throttle(0.001, port="file")
-        sink.command("stall")
-        for port in (srv.file_port, sink.port):
-            with self.subTest(port=port), socket.create_connection(("127.0.0.1", port)) as c:
-                c.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 64 * 1024)
-                c.sendall(b"PUT /live/cam1 HTTP/1.1\r\nSessionId: 5\r\nContent-Length: 99999999\r\n\r\n")
-                c.setblocking(False)
-                sent, deadline = 0, time.monotonic() + 5
-                try:
-                    while sent < (64 << 20) and time.monotonic() < deadline:
-                        sent += c.send(os.urandom(65536))
-                except BlockingIOError:
-                    pass
-                self.assertLess(sent, 64 << 20, "the peer kept reading")
 
 
 if __name__ == "__main__":

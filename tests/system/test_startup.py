@@ -60,21 +60,18 @@ class Startup(AgentTestCase):
                 self.assertEqual(read_sysconf(db), before)
 
     def test_fresh_database_gets_the_default_tree(self):
-        for args, db_name in [([], "sysconf.db"), (["empty.db"], "empty.db")]:
-            with self.subTest(db_name):
-                clear_default_tree()
-                work = self.path(db_name + ".run")
-                os.makedirs(work)
-                db = os.path.join(work, db_name)
-                open(db, "w").close()
-                agent = self.agent(args=args, workdir=work).start()
-                self.assert_banner_then(agent, "config success")
-                self.assertEqual(os.path.realpath(agent.log_dirs()[0]), DEFAULT_TREE + "/qel_net/qel_log")
-                self.assertEqual(read_sysconf(db), DEFAULT_KEYS)
-                self.assertEqual(query(db, "select name from sqlite_master where type='table' order by name"),
-                                 [("info_failhistory",), ("info_sysconf",)])
-                self.assertLessEqual({"qel_fail", "data"}, set(os.listdir(DEFAULT_TREE + "/qel_net")))
-                self.finish(agent, 3)
+        """An empty file is filled with the defaults; the agent runs on the default tree."""
+        clear_default_tree()
+        os.makedirs(self.path("run"))
+        open(self.path("run", "sysconf.db"), "w").close()
+        agent = self.agent(workdir=self.path("run")).start()
+        self.assert_banner_then(agent, "config success")
+        self.assertEqual(os.path.realpath(agent.log_dirs()[0]), DEFAULT_TREE + "/qel_net/qel_log")
+        self.assertEqual(read_sysconf(self.path("run", "sysconf.db")), DEFAULT_KEYS)
+        self.assertEqual(query(self.path("run", "sysconf.db"), "select name from sqlite_master where type='table'"
+                               " order by name"), [("info_failhistory",), ("info_sysconf",)])
+        self.assertLessEqual({"qel_fail", "data"}, set(os.listdir(DEFAULT_TREE + "/qel_net")))
+        self.finish(agent, 3)
 
     def test_directories_and_device_id(self):
         """Directories are made 0764; the stored device id is left alone, the host name is reported."""

@@ -61,9 +61,7 @@ class Video(AgentTestCase):
         del elements[2]["height"]                        # incomplete
         elements[3]["size"] = self.cams[3].size * 2     # more than the segment holds
         elements[4].update(width=16000, height=16000)   # frames far larger than the segment
-        elements += [dict(elements[0], cameraid=7), dict(elements[0], cameraid=2147483647),
-                     dict(elements[0], cameraid=8, width=0), dict(elements[0], cameraid=9, size=-5),
-                     dict(elements[0], cameraid=10, fps="twenty")]
+        elements += [dict(elements[0], cameraid=7), dict(elements[0], cameraid=8, width=0)]
         self.announce(json.dumps({"MemoryInfo": elements}))     # keys in any case
         self.sink.wait_connections(1, path="/live/cam1", timeout=15)
         time.sleep(3)

@@ -53,44 +53,6 @@ TEST(ReplyFramer, CutsTheStreamIntoReplies)
     EXPECT_EQ(framer.feed(a), QList<QByteArray>{a});
 }
 
-TEST(HttpCodec, SessionIdBodyAndJsonItem)
-{
-    const struct { const char* text; int result, sessionId; } heads[] = {
-        {"HTTP/1.1 200 OK", 4, 0},
-        {"HTTP/1.1 200 OK\r\nSessionId:  12 \r\n\r\n", 4, 12},
-        {"HTTP/1.1 200 OK\r\nSessionId: 4:5\r\n\r\n", 4, 0},
-        {"HTTP/1.1 200 OK\r\nX-SessionId-Old: 7\r\n\r\n", 4, 7},     // a substring matches
-        {"HTTP/1.1 200 OK\r\nSessionId: 4\r\nSessionId: 7\r\n\r\n", 4, 7},
-        {"HTTP/1.1 200 OK\r\nSessionId: 4\r\nSessionId: 4x\r\n\r\n", 4, 0},
-        {"HTTP/1.1 200 OK\r\nsessionid: 4\r\n\r\n", 4, 0},
-        {"FTP 200 OK\r\nSessionId: 4\r\n\r\n", 0, 0},
-        {"\r\nHTTP/1.1 200 OK\r\nSessionId: 4\r\n\r\n", 0, 0},
-        {"POST /vmu/x HTTP/1.1\r\nSessionId: 19\r\n\r\n{}", 4, 19},
-    };
-    for (const auto& c : heads) {
-        QStringList list{"stale"};
-        EXPECT_EQ(CHttpBase::getHeadList(QString::fromUtf8(c.text), list), c.result) << c.text;
-        EXPECT_EQ(CHttpBase::getType(list), c.sessionId) << c.text;
-    }
-    const std::pair<const char*, const char*> bodies[] = {
-        {"HTTP/1.1 200 OK\r\n\r\n{\"a\":1,\r\n\"b\":2}", "\"b\":2}"}, {"HTTP/1.1 200 OK\r\n\r\n{}\r\n", ""}, {"{}", "{}"}};
-    for (const auto& [text, expected] : bodies) {
-        QString body = "stale";
-        EXPECT_EQ(CHttpBase::getBuffString(QString::fromUtf8(text), body), 4) << text;
-        EXPECT_EQ(body, QString::fromUtf8(expected)) << text;
-    }
-    const struct { const char* json; const char* key; int result; const char* value; } items[] = {
-        {"{\"code\":0}", "code", 4, "0"}, {"{\"code\":\"00\"}", "code", 4, "\"00\""}, {"{\"Code\":1}", "code", 4, "1"},
-        {"{\"msg\":\"成功\"}", "msg", 4, "\"成功\""}, {"{\"code\":0}", "msg", 3, "untouched"},
-        {"[0,1]", "code", 3, "untouched"}, {"{\"code\":", "code", 3, "untouched"},
-    };
-    for (const auto& c : items) {
-        QString value = "untouched";
-        EXPECT_EQ(CHttpBase::getBuffItem(QString::fromUtf8(c.json), c.key, value), c.result) << c.json;
-        EXPECT_EQ(value, QString::fromUtf8(c.value)) << c.json;
-    }
-}
-
 // The builders read the configuration store; its connection name is fixed,
 // so one store serves the whole suite.
 class HttpEndpoints : public ::testing::Test

@@ -1,56 +1,13 @@
-// What the items read from the application and the machine, and how they
-// name and pack images.
+// What the items read from the application and the machine.
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "ImagePacking.h"
 #include "MemoryInfo.h"
 #include "RunStateProbe.h"
 
 namespace {
-
-TEST(ImagePacking, ArchivesHoldAtMostTheirShareAndAreNamedAfterTheirLastImage)
-{
-    auto images = [](int count) {
-        QStringList out;
-        for (int i = 0; i < count; ++i)
-            out << QString("/aoi/alarmimage/camera1/detect2/NG/%1.jpg").arg(i);
-        return out;
-    };
-    const auto now = [] { return QDateTime(QDate(2026, 11, 22), QTime(8, 9, 10, 11)); };
-    const struct { int images, perArchive; QList<int> lastIndices; } cases[] = {
-        {10, 10, {9}}, {11, 10, {9, 10}}, {25, 10, {9, 19, 24}}, {3, 1, {0, 1, 2}}, {0, 10, {}}};
-    for (const auto& c : cases) {
-        const QVector<TarJob> jobs = planArchives(images(c.images), "/aoi/", "/work/", c.perArchive, now);
-        ASSERT_EQ(jobs.size(), c.lastIndices.size()) << c.images << "/" << c.perArchive;
-        int member = 0;
-        for (int j = 0; j < jobs.size(); ++j) {
-            EXPECT_EQ(jobs[j].archive, QString("/work/Tar_20261122080910011_%1.tar.gz").arg(c.lastIndices[j]));
-            for (const QString& m : jobs[j].members)
-                EXPECT_EQ(m, QString("./alarmimage/camera1/detect2/NG/%1.jpg").arg(member++));
-        }
-        EXPECT_EQ(member, c.images);
-    }
-    EXPECT_EQ(planArchives(images(2), "/aoi/", "/work/", 10, now)[0].command,
-              "tar -C '/aoi/' -zcf '/work/Tar_20261122080910011_1.tar.gz.part' "
-              "'./alarmimage/camera1/detect2/NG/0.jpg' './alarmimage/camera1/detect2/NG/1.jpg'");
-}
-
-TEST(ImagePacking, TimeFiles)
-{
-    const QDateTime fallback = QDateTime::fromMSecsSinceEpoch(1);
-    EXPECT_EQ(parseTimeFile("1795335870955\n", fallback).toMSecsSinceEpoch(), 1795335870955LL);
-    EXPECT_EQ(parseTimeFile("soon", fallback), fallback);
-    // What a look packed above its time file survives a restart, whatever the names.
-    QHash<QString, qint64> packed;
-    qint64 ms = 1795335870955LL;
-    for (const char* name : {"/a/with space.jpg", "/a/line\nbreak.jpg", "/a/100%.jpg", "/a/图像.jpg"})
-        packed.insert(QString::fromUtf8(name), ms++);
-    EXPECT_EQ(parsePackedList(packedListText(packed)), packed);
-    EXPECT_EQ(parsePackedList("garbage\n12\nx /a.jpg\n7 %2Fb.jpg\n"), (QHash<QString, qint64>{{"/b.jpg", 7}}));
-}
 
 TEST(MemoryInfo, ElementsAreUsableOnlyWhenCompleteAndInRange)
 {
@@ -132,22 +89,6 @@ TEST(ParseTopOutput, CpuAndMemory)
     for (const auto& c : cases) {
         const RunStateSample s = parseTopOutput(QString::fromUtf8(c.text));
         EXPECT_EQ(std::make_pair(s.cpu, s.memory), std::make_pair(c.cpu, c.memory)) << c.name;
-    }
-}
-
-TEST(ComposeRunStateBody, AppendsToAnObjectAndRejectsTheRest)
-{
-    RunStateSample s;
-    s.cpu = 250;
-    s.memory = 2899;
-    QString out;
-    ASSERT_TRUE(composeRunStateBody(QStringLiteral("{\"machine\":\"机台1\",\"ok\":true}"), s, out));
-    EXPECT_EQ(out, QString::fromUtf8("{\n\t\"machine\":\t\"机台1\",\n\t\"ok\":\ttrue,\n"
-                                     "\t\"cpu\":\t250,\n\t\"memory\":\t2899,\n\t\"nearstart\":\t-1\n}"));
-    for (const char* in : {"", "{", "{\"a\":}", "[1,2]", "null"}) {
-        out = QStringLiteral("untouched");
-        EXPECT_FALSE(composeRunStateBody(QString::fromUtf8(in), RunStateSample(), out)) << in;
-        EXPECT_EQ(out, QStringLiteral("untouched"));
     }
 }
 
