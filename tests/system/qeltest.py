@@ -76,15 +76,11 @@ def isolated():
     return os.environ.get("QEL_IN_NS") == "1" and os.readlink("/proc/self/ns/net") != os.environ.get("QEL_HOST_NETNS")
 
 
-def default_tree_is_private():
-    """True when /root/bin-AOI is the tmpfs that nsrun.py mounted."""
+def clear_default_tree():
+    """Empties /root/bin-AOI, only when it is the tmpfs that nsrun.py mounted."""
     with open("/proc/self/mountinfo") as f:
         fs = [l.partition(" - ")[2].split()[0] for l in f if l.split()[4] == DEFAULT_TREE]
-    return isolated() and fs[-1:] == ["tmpfs"]
-
-
-def clear_default_tree():
-    if not default_tree_is_private():
+    if not isolated() or fs[-1:] != ["tmpfs"]:
         raise RuntimeError("refusing to touch %s outside the test namespace" % DEFAULT_TREE)
     for name in os.listdir(DEFAULT_TREE):
         p = os.path.join(DEFAULT_TREE, name)
@@ -310,6 +306,14 @@ class AgentTestCase(unittest.TestCase):
     def restart(self, db=None):
         self.ag = self.agent(db=db or self.db).start()
         self.ag.wait_log(r"config success")
+        return self.ag
+
+    def restart_linked(self):
+        """A new run on the same database, once the application link and the login are back."""
+        links, logins = self.app.connection_count(), len(self.srv.requests(path="/vmu/device/login"))
+        self.restart()
+        self.app.wait_connected(15, count=links + 1)
+        self.srv.wait_request(path="/vmu/device/login", count=logins + 1, timeout=15)
         return self.ag
 
     def send_and_ack(self, msg_type, body, within=1.0):

@@ -37,11 +37,6 @@ class Durability(AgentTestCase):
             self.assertIn(line, self.ag.log_lines())
         self.ag.assert_quiet()
 
-    def restart_linked(self):
-        links = self.app.connection_count()
-        self.restart()
-        self.app.wait_connected(10, count=links + 1)
-
     def deliver_after_restart(self, bodies, path=STATS):
         """Against an answering server every body arrives once and the history empties."""
         mark = len(self.srv.requests(path=path))
@@ -80,43 +75,6 @@ class Durability(AgentTestCase):
                 self.assertEqual(collections.Counter(received), collections.Counter(bodies))
                 self.assertIn("error:11(damaged info)", self.ag.log_text())
                 self.ag.stop()
-
-    def test_kill_under_steady_traffic_loses_nothing_acknowledged(self):
-        """5 messages a second answered after 200 ms, so the queue grows; kill -9 at random."""
-        srv, app, ag = self.start_all()
-        srv.slow(200)
-        kill_at = random.Random(SEED).uniform(9.0, 14.0)
-        acked, stop = {}, threading.Event()
-
-        def traffic():
-            for i in range(1000):
-                body, started, mark = '{"steady":%d,"seed":%d}' % (i, SEED), time.monotonic(), app.mark()
-                try:
-                    app.send(7, body, timeout=1)
-                    app.wait_notice("back", since=mark, timeout=1)
-                except (AssertionError, OSError):
-                    return            # the agent is gone
-                acked[body] = time.monotonic()
-                if stop.is_set():
-                    return
-                time.sleep(max(0.0, 0.2 - (time.monotonic() - started)))
-        sender = threading.Thread(target=traffic, daemon=True)
-        sender.start()
-        time.sleep(kill_at)
-        killed = time.monotonic()
-        ag.kill9()
-        stop.set()
-        sender.join(5)
-        ag.assert_quiet()
-        protected = [b for b, t in acked.items() if t < killed - 1.0]
-        note = "seed %d, %d acknowledged" % (SEED, len(acked))
-        self.assertGreater(len(protected), 35, note)
-        ag = self.restart()
-        self.wait_until(lambda: set(protected) <= {r["body"] for r in srv.requests(path=STATS)}, 30, note)
-        self.wait_until(lambda: read_failhistory(self.db) == [], 15, "failure history emptied (%s)" % note)
-        twice = {b: n for b, n in collections.Counter(r["body"] for r in srv.requests(path=STATS)).items() if n > 1}
-        self.assertTrue(len(twice) <= 1 and set(twice.values()) <= {2}, (twice, note))   # only the one in flight
-        self.assert_clean(ag)
 
     def test_acknowledgement_waits_for_the_commit_within_its_bound(self):
         """Another process holds the database: "/back/" comes once the messages

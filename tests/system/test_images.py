@@ -68,13 +68,6 @@ class Images(AgentTestCase):
         with open(os.path.join(self.workdir(ALARM), "time.txt")) as f:
             return int(f.read())
 
-    def restart_and_reconnect(self):
-        links, logins = self.app.connection_count(), len(self.srv.requests(path="/vmu/device/login"))
-        self.restart()
-        self.app.wait_connected(15, count=links + 1)
-        self.srv.wait_request(path="/vmu/device/login", count=logins + 1, timeout=15)
-        return self.ag
-
     def look(self, item, paths):
         """Ask for a look and return [(archive index, images)] of what it uploaded."""
         time.sleep(SETTLE)
@@ -147,7 +140,7 @@ class Images(AgentTestCase):
                         f.write("%s\n" % (when if isinstance(when, str) else int((time.time() + when) * 1000)))
                 paths = {i: self.write(ALARM, names=["%d_%s.bmp" % (n, i)], age=age)[0] for i, age in ages.items()}
                 since, began_ms = len(self.srv.archives()) if n else 0, int(time.time() * 1000)
-                self.restart_and_reconnect() if n else self.start_all()
+                self.restart_linked() if n else self.start_all()
                 time.sleep(SETTLE)
                 fence = self.fence(ALARM)
                 got = [m for r in self.srv.archives()[since:] if r is not fence for m in names(r)]
@@ -178,7 +171,7 @@ class Images(AgentTestCase):
         self.wait_file_quiet()
         self.assertEqual(set(self.accepted()) & set(map(self.member, images)), set())
         ag.stop()
-        ag = self.restart_and_reconnect()
+        ag = self.restart_linked()
         self.wait_until(lambda: set(map(self.member, images)) <= set(self.accepted()), 30, "accepted at the restart")
         self.wait_file_quiet(0.5)
         kept = [p for p in self.sent_archive_paths(ag) if "qel_fail" in p]
@@ -240,7 +233,7 @@ class Images(AgentTestCase):
                                           and e["port_name"] == "file" and e.get("unfinished")], 15, "cut upload")
         self.assertLess(closed[-1]["unfinished"]["received"], closed[-1]["unfinished"]["length"])
         self.assertEqual(srv.archives(), [])
-        self.restart_and_reconnect()
+        self.restart_linked()
         self.wait_uploaded(images, timeout=40)
         self.settle_and_check(images)
 
@@ -367,7 +360,7 @@ class Images(AgentTestCase):
                     ag.wait_exit(5)
                 written += batch
                 ag.assert_quiet()
-                ag = self.restart_and_reconnect()
+                ag = self.restart_linked()
                 self.wait_uploaded(batch, timeout=60)
                 time.sleep(SETTLE)
                 self.fence(ALARM)

@@ -51,13 +51,6 @@ class Startup(AgentTestCase):
                 os.makedirs(self.path("bad%d" % i, "dbdir"))
                 self.assert_banner_then(self.agent(args=[db], workdir=self.path("bad%d" % i)).start(),
                                         "config.SQL open error", alone=True)
-        for key in ("camera", "logpath"):
-            with self.subTest(empty=key):
-                work, db = self.run_dir("empty-" + key, {key: ""}, "sysconf.db")
-                before = read_sysconf(db)
-                self.assert_banner_then(self.agent(db=db, workdir=work).start(), "The data is incomplete",
-                                        alone=True)
-                self.assertEqual(read_sysconf(db), before)
 
     def test_fresh_database_gets_the_default_tree(self):
         """An empty file is filled with the defaults; the agent runs on the default tree."""

@@ -31,7 +31,6 @@ class Timers(AgentTestCase):
                              ("GET", "%s?device_id=%s" % (HEART, HOST), "device_id=" + HOST, 4))
         self.assertAlmostEqual(beats[1]["time"] - beats[0]["time"], 20.0, delta=1.0)
         self.assertEqual(app.wait_notice("heart")[0]["raw_bytes"], HEART_NOTICE)
-
         # Two sends 30 s apart, then given up; the queue moves on.
         ag.wait_log(r"error:12\(tims out range to send by 7\)", timeout=40)
         self.assertEqual(len(srv.requests(path=STATS)), 2)
@@ -43,7 +42,6 @@ class Timers(AgentTestCase):
         self.assertEqual([SILENT in t for _, t in read_failhistory(self.db)], [True])
         self.assertEqual(len(srv.requests(path=STATS)), 2)
         self.assert_clean()
-
         # The next run delivers it once and empties the history.
         ag.kill9()
         srv.clear_replies()
@@ -55,11 +53,7 @@ class Timers(AgentTestCase):
         self.assert_clean()
 
     def test_login_unanswered_twice_then_answered(self):
-        self.srv = srv = self.server_sim()
-        srv.set_reply(None, path=LOGIN, times=2)
-        self.app = app = self.app_sim()
-        self.db = self.make_db(info_port=srv.info_port, file_port=srv.file_port)
-        ag = self.restart()
+        srv, app, ag = self.start_all(wait_login=False, before_start=lambda s: s.set_reply(None, path=LOGIN, times=2))
         logins = srv.wait_request(path=LOGIN, count=3, timeout=75)
         for r, due in zip(logins, (0, 30, 60)):
             self.assertAlmostEqual(r["time"] - logins[0]["time"], due, delta=2)

@@ -54,8 +54,7 @@ class Video(AgentTestCase):
 
     def test_unusable_announcements_leave_the_good_cameras_streaming(self):
         self.start_video(cameras=[(n, 160, 128) for n in (0, 1, 2, 4, 5)], announce=False)
-        for body in ("not json", '{"cameras":[]}'):     # nothing set up; a later one is still read
-            self.announce(body)
+        self.announce('{"cameras":[]}')     # nothing set up; a later announcement is still read
         elements = memory_info(self.cams)
         elements[1]["shmid"] += 1000                    # not the segment under camera 1's key
         del elements[2]["height"]                        # incomplete
