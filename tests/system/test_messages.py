@@ -8,7 +8,7 @@ import re
 import time
 import unittest
 
-from qeltest import APP_PORT, HOST, STATS, AgentTestCase, read_failhistory
+from qeltest import HOST, STATS, AgentTestCase, read_failhistory
 
 NOTICE = (b"POST /%s/ HTTP/1.1\r\nContent-type: application/json%s\nConnection: keep-alive\r\nSessionId: %d\r\n"
           b"User-Agent: INFO\r\nContent-Length: 0\r\n\r\n")
@@ -238,7 +238,7 @@ class Messages(AgentTestCase):
             ag.wait_log(r"recv:3\(result:-- %s --\)" % ("success" if code == 0 else "fail"))
             first.stop()
             time.sleep(3)
-            self.app = self.app_sim(port=APP_PORT)
+            self.app = self.app_sim()
             back = time.monotonic()
             self.app.wait_connected(10)
             self.assertLessEqual(time.monotonic() - back, 7.0)
