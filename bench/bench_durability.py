@@ -142,7 +142,7 @@ def bench_killnine(b, a):
     for k in range(a.kills):
         life = rng.uniform(a.min_gap, a.max_gap)
         hold = rng.uniform(0.0, a.db_locked) if a.db_locked > 0 else 0.0
-        time.sleep(max(0.0, life - hold - (time.monotonic() - b.agent.started_at)))
+        time.sleep(max(0.0, life - hold - (time.time() - b.started)))
         lock = None
         if hold > 0:
             # another process (an operator's sqlite3, a backup) holds the database
@@ -192,7 +192,7 @@ def bench_killnine(b, a):
 
 
 def seed_history(db, port, count):
-    from runtime import request_text, seed_failhistory
+    from qeltest import request_text, seed_failhistory
     now = int(time.time() * 1000)
     batch = []
     for i in range(count):
@@ -211,7 +211,7 @@ def bench_outage(b, a):
     ag = b.start_agent()
     b.app.wait_connected(30)
     time.sleep(2)
-    rss_start = rss_kib(ag.pid)
+    rss_start = rss_kib(ag.proc.pid)
 
     # Each message waits for its "/back/" (at most ACK_WAIT) before the next
     # goes: a message written while the agent is still busy with the last read
@@ -247,10 +247,10 @@ def bench_outage(b, a):
         except AssertionError:
             unacked += 1
         if sent % (a.rate * 30) == 0:
-            say("  %d sent, %d acknowledged, RSS %.1f MiB" % (sent, len(lat), rss_kib(ag.pid) / 1024.0))
+            say("  %d sent, %d acknowledged, RSS %.1f MiB" % (sent, len(lat), rss_kib(ag.proc.pid) / 1024.0))
     sending = time.monotonic() - began
     queued = a.seed_history + len(lat)
-    rss_end = rss_kib(ag.pid)
+    rss_end = rss_kib(ag.proc.pid)
     rows, distinct = history_rows(b.db)
 
     say("sending phase: %d messages in %.1f s (%.1f/s), stopped by %s" % (sent, sending, sent / max(sending, 1e-9),

@@ -273,13 +273,13 @@ def bench_throughput(b, a):
     # The sink is closed at start: the agent settles while it waits to connect.
     ag = b.start_agent()
     time.sleep(3)
-    rss_before, hwm_before = proc_status_kib(ag.pid, "VmRSS"), proc_status_kib(ag.pid, "VmHWM")
+    rss_before, hwm_before = proc_status_kib(ag.proc.pid, "VmRSS"), proc_status_kib(ag.proc.pid, "VmHWM")
     peak = [rss_before]
     done = threading.Event()
 
     def sample():
         while not done.is_set():
-            peak[0] = max(peak[0], proc_status_kib(ag.pid, "VmRSS"))
+            peak[0] = max(peak[0], proc_status_kib(ag.proc.pid, "VmRSS"))
             time.sleep(0.002)
     sampler = threading.Thread(target=sample, daemon=True)
     sampler.start()
@@ -303,7 +303,7 @@ def bench_throughput(b, a):
     time.sleep(0.5)
     done.set()
     sampler.join()
-    hwm_after = proc_status_kib(ag.pid, "VmHWM")
+    hwm_after = proc_status_kib(ag.proc.pid, "VmHWM")
     peak_kib = max(peak[0], hwm_after if hwm_after > hwm_before else 0)
 
     for who, runs in (("agent", agent_runs), ("curl", curl_runs), ("sendfile", kernel_runs)):
@@ -369,16 +369,18 @@ def bench_packing(b, a):
 
 
 def bench_latency(b, a, before):
-    from runtime import child_pids
-    # a new run finds every image new again without its time file
+    from qeltest import child_pids
+    # a new run finds every image new again without its time file and the
+    # list of what was packed above it
     b.agent.stop()
     b.agent = None
-    os.remove(b.path("qel_net", "qel_alarmimage", "time.txt"))
+    for name in ("time.txt", "time.packed"):
+        os.remove(b.path("qel_net", "qel_alarmimage", name))
     links, file_links = b.app.connection_count(), b.sink.connections
     ag = b.start_agent()
     b.app.wait_connected(15, count=links + 1)
     deadline = time.monotonic() + 60
-    while not child_pids(ag.pid) and time.monotonic() < deadline:
+    while not child_pids(ag.proc.pid) and time.monotonic() < deadline:
         time.sleep(0.005)
     lat = []
     next_at = time.monotonic()

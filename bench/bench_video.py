@@ -304,7 +304,7 @@ class Rig:
 
     @property
     def pid(self):
-        return self.agent.pid
+        return self.agent.proc.pid
 
     def announce(self):
         """Send the cameras' announcement; returns when it was sent."""

@@ -77,6 +77,13 @@ def _terminated(signum, frame):
     raise KeyboardInterrupt("signal %d" % signum)    # unittest would swallow SystemExit
 
 
+def reexec(script, args):
+    """`script` again inside fresh namespaces (--kill-child: a CTest time-out that kills unshare ends it too)."""
+    os.execvpe("unshare", ["unshare", "--net", "--ipc", "--uts", "--mount", "--fork", "--kill-child=SIGTERM",
+                           sys.executable, os.path.abspath(script)] + args,
+               dict(os.environ, QEL_IN_NS="1", QEL_HOST_NETNS=os.readlink("/proc/self/ns/net")))
+
+
 def run_side_by_side(path):
     sys.path.insert(0, os.path.dirname(path))
     suite = unittest.defaultTestLoader.loadTestsFromName(os.path.splitext(os.path.basename(path))[0])
@@ -101,10 +108,7 @@ def main():
             if "\nPARALLEL = True\n" in f.read():
                 run_side_by_side(path)
     if os.environ.get("QEL_IN_NS") != "1":
-        # --kill-child: a CTest time-out that kills unshare ends the run inside too.
-        os.execvpe("unshare", ["unshare", "--net", "--ipc", "--uts", "--mount", "--fork", "--kill-child=SIGTERM",
-                               sys.executable, os.path.abspath(__file__)] + sys.argv[1:],
-                   dict(os.environ, QEL_IN_NS="1", QEL_HOST_NETNS=os.readlink("/proc/self/ns/net")))
+        reexec(__file__, sys.argv[1:])
     signal.signal(signal.SIGTERM, _terminated)
     sys.path.insert(0, os.path.dirname(path))
     status = 130

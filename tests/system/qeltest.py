@@ -149,7 +149,7 @@ class Agent:
     def __init__(self, workdir, args=None, db=None, log_dir=None):
         self.workdir = os.path.abspath(workdir)
         self.args = list(args) if args is not None else ([db] if db is not None else [])
-        self._log_dir, self.proc = log_dir, None
+        self._log_dir, self.proc, self.binary = log_dir, None, BIN
         Agent._count += 1
         self.name = "agent-%d" % Agent._count
         self.stderr_path = os.path.join(self.workdir, self.name + ".stderr")
@@ -159,7 +159,7 @@ class Agent:
             raise RuntimeError("refusing to run the agent outside the namespaces of tests/system/nsrun.py")
         os.makedirs(self.workdir, exist_ok=True)
         with open(self.stderr_path, "wb") as err:
-            self.proc = subprocess.Popen([BIN] + self.args, cwd=self.workdir, stdin=subprocess.DEVNULL,
+            self.proc = subprocess.Popen([self.binary] + self.args, cwd=self.workdir, stdin=subprocess.DEVNULL,
                                          stdout=subprocess.DEVNULL, stderr=err,
                                          env=dict(os.environ, QT_FORCE_STDERR_LOGGING="1", QT_LOGGING_TO_CONSOLE="1"),
                                          preexec_fn=lambda: _prctl(1, signal.SIGKILL))
