@@ -284,8 +284,6 @@ class AgentTestCase(unittest.TestCase):
                 self.fail("%s not met after %.1fs" % (message, timeout))
             time.sleep(0.05)
 
-    # ---- the agent between the simulators ----------------------------------------
-
     def start_all(self, server=True, app=True, wait_login=True, server_kw=None, db_overrides=None,
                   before_start=None):
         self.srv = self.server_sim(**(server_kw or {})) if server else None
@@ -326,8 +324,6 @@ class AgentTestCase(unittest.TestCase):
     def assert_clean(self, agent=None):
         self.assertTrue((agent or self.ag).is_running(), "agent is not running any more")
         (agent or self.ag).assert_quiet()
-
-    # ---- images --------------------------------------------------------------------
 
     def workdir(self, item):
         return self.path("qel_net", ITEM_DIR[item])
@@ -373,8 +369,6 @@ class AgentTestCase(unittest.TestCase):
 
     def sent_archive_paths(self, agent=None):
         return _SENT_ARCHIVE.findall((agent or self.ag).stderr_text())
-
-    # ---- video ---------------------------------------------------------------------
 
     def start_video(self, cameras=((0, 320, 240),), announce=True, sink_kw=None, server_kw=None):
         self.sink = self.cdn_sink(**(sink_kw or {}))
