@@ -73,8 +73,7 @@ NetWorkConsole::NetWorkConsole(QObject* parent, const QString& dbPath)
     // The application hears "/back/" once what its message queued is stored.
     socketInline->setWhenStored([this](std::function<void()> done) { failStore->whenStored(std::move(done)); });
     connect(socketInline, &QEL_SocketInline::sigMessage, this, &NetWorkConsole::takeApplicationMessage);
-    connect(socketInline, &QEL_SocketInline::sigToApplication, this,
-            [this](const QString& text) { sendInfoToInline(text); });
+    connect(socketInline, &QEL_SocketInline::sigToApplication, this, &NetWorkConsole::sendInfoToInline);
 
     auto* heart = static_cast<QEL_ItemHeartBeat*>(items[4]);
     connect(socketInfo, &QEL_BaseSocket::sigUp, heart, &QEL_ItemHeartBeat::onLinkUp);
@@ -214,13 +213,6 @@ QEL_BaseItem* NetWorkConsole::item(int number) const
 void NetWorkConsole::takeApplicationMessage(int type, const QString& body, const std::function<void()>& handled)
 {
     QEL_ASSERT_MAIN_THREAD();
-    if (type == 9) {
-        // The cameras' announcement: it queues nothing, so it is handled at once.
-        static_cast<QEL_ItemVideo*>(items[9])->attachAnnounced(body);
-        if (handled)
-            handled();
-        return;
-    }
     items[type]->Item_fromApplication(body, handled);
 }
 

@@ -101,9 +101,8 @@ void QEL_SocketInline::ParsingAndSend(const QString& message, const std::functio
             handled();
         return;
     }
-    if (type == 9)
-        LOG(INFO) << "Inline:" << 9 << "(sharedMemory get ready)";
     emit sigMessage(type, body, handled);
+    // The video item logs its own line for the cameras' announcement.
     if (type != 9)
         LOG(INFO) << "Inline:" << type << "(get info from application)";
 }

@@ -8,10 +8,11 @@
 #include "QEL_BaseThread.h"
 
 // The link to the inspection application on 127.0.0.1:8890. One TCP read is
-// one message "<type>:<field>:..!<body>", handed on as sigMessage; every read is acknowledged with a
-// "/back/" notice once what it queued is stored (acknowledged means kept
-// across a crash), or after kAckBoundMs if the store cannot commit: the
-// application is then not held up, and the log says so once per episode.
+// one message "<type>:<field>:..!<body>", handed on as sigMessage; every
+// read is acknowledged with a "/back/" notice once what it queued is stored
+// (acknowledged means kept across a crash), or after kAckBoundMs if the
+// store cannot commit: the application is then not held up, and the log
+// says so once per episode.
 class QEL_SocketInline : public QEL_BaseSocket
 {
     Q_OBJECT

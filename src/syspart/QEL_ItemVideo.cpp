@@ -147,10 +147,12 @@ RetError QEL_ItemVideo::Item_Init()
     return RET_OK;
 }
 
-void QEL_ItemVideo::Item_fromApplication(const QString&, const Handled& handled)
+void QEL_ItemVideo::Item_fromApplication(const QString& body, const Handled& handled)
 {
-    // Type 9 is the cameras' announcement (attachAnnounced); there is
-    // nothing to send for item 9.
+    // Type 9 is the cameras' announcement; it queues nothing, so it is
+    // handled at once.
+    LOG(INFO) << "Inline:" << 9 << "(sharedMemory get ready)";
+    attachAnnounced(body);
     if (handled)
         handled();
 }

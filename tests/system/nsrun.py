@@ -6,7 +6,7 @@ missing, so nothing is created on the real disk). A file that sets PARALLEL =
 True has each of its tests run at the same time in namespaces of their own.
     python3 tests/system/nsrun.py tests/system/test_X.py [Class.method]"""
 
-import importlib.util
+import importlib
 import os
 import signal
 import subprocess
@@ -114,10 +114,7 @@ def main():
     status = 130
     try:
         enter()
-        name = os.path.splitext(os.path.basename(path))[0]
-        spec = importlib.util.spec_from_file_location(name, path)
-        module = sys.modules[name] = importlib.util.module_from_spec(spec)
-        spec.loader.exec_module(module)
+        module = importlib.import_module(os.path.splitext(os.path.basename(path))[0])
         result = unittest.main(module=module, argv=[path] + sys.argv[2:], exit=False).result
         failed = {getattr(t, "test_case", t).id() for t, _ in result.failures + result.errors}
         print("%d passed, %d failed" % (result.testsRun - len(failed) - len(result.skipped), len(failed)),
