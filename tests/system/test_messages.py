@@ -167,6 +167,7 @@ class Messages(AgentTestCase):
     def test_server_lost_and_back(self):
         srv, app, ag = self.start_all()
         srv.down()
+        ag.wait_log(r"socket:\(the socket INFO disconnected\)")    # else the first goes into the dying link
         bodies = ['{"during":%d}' % i for i in range(3)]
         for body in bodies:
             app.send(7, body)
