@@ -18,8 +18,18 @@ default tree):
             the rows in the failure history; then the server comes back and
             the delivery rate over a window gives the time to deliver them all.
 
+  scale     for each backlog size (--sizes, default 100 10000 100000 1000000
+            3000000) a failure history of that many requests is written and
+            the agent started on it with the server away (silent): its time
+            to READY=1 and to the first request, its start-up CPU, memory
+            (RssAnon, resident) against an idle agent's, the database size,
+            and the acknowledgement latency at 5 messages a second; then the
+            server answers and, for --drain-seconds, the delivery rate and the
+            CPU per delivered request, the acknowledgements still measured.
+
     python3 bench/bench_durability.py AGENT_BINARY killnine [--kills 10] [--seed S] ...
     python3 bench/bench_durability.py AGENT_BINARY outage [--queued 100000] [--seed-history K] ...
+    python3 bench/bench_durability.py AGENT_BINARY scale [--sizes 100 1000000] [--drain-seconds 60] ...
 
 Both are bounded in time (see --help of each). Prints its command line and a
 table of results."""
@@ -281,6 +291,101 @@ def bench_outage(b, a):
             "%.2f" % (projected / 3600.0))])
 
 
+def proc_stat(pid):
+    """(CPU seconds so far, RssAnon KiB, VmRSS KiB) of `pid`."""
+    with open("/proc/%d/stat" % pid) as f:
+        fields = f.read().rsplit(")", 1)[1].split()
+    cpu = (int(fields[11]) + int(fields[12])) / float(os.sysconf("SC_CLK_TCK"))
+    mem = {}
+    with open("/proc/%d/status" % pid) as f:
+        for line in f:
+            key, _, value = line.partition(":")
+            mem[key] = value.split()[0] if value.split() else "0"
+    return cpu, int(mem.get("RssAnon", 0)), int(mem.get("VmRSS", 0))
+
+
+def seed_fast(db, port, count):
+    """`count` distinct requests into the failure history, in one transaction."""
+    from qeltest import request_text
+    now = int(time.time() * 1000)
+    with closing(sqlite3.connect(db)) as con:
+        con.execute("CREATE TABLE IF NOT EXISTS info_failhistory(发送时间 BIGINT NOT NULL,内容 TEXT NOT NULL)")
+        con.executemany("insert into info_failhistory values (?, ?)",
+                        ((now, request_text(STATS, 7, '{"backlog":%d,"t":"2026-11-25 08:00:00"}' % i, port))
+                         for i in range(count)))
+        con.commit()
+
+
+def bench_scale(b, a):
+    from qeltest import Agent
+    rows, baseline = [], {}
+    for size in [0] + a.sizes:
+        b.srv.silent()
+        b.db = b.make_db(b.srv.info_port, b.srv.file_port)
+        t = time.monotonic()
+        if size:
+            seed_fast(b.db, b.srv.info_port, size)
+        seeded = time.monotonic() - t
+        if b.agent is not None:
+            b.agent.stop()
+        requests_before = len(b.srv.requests())
+        b.agent = Agent(b.work, db=b.db, log_dir="log", notify=True)
+        b.agent.binary = b.binary
+        ag = b.agent.start()
+        ready = first = None
+        while time.monotonic() - ag.started_at < 30 and (ready is None or first is None):
+            if ready is None and any("READY=1" in m for _, m in ag.notices):
+                ready = time.monotonic() - ag.started_at
+                cpu_ready = proc_stat(ag.proc.pid)[0]
+            if first is None and len(b.srv.requests()) > requests_before:
+                first = time.monotonic() - ag.started_at
+            time.sleep(0.01)
+        b.app.wait_connected(30)
+        time.sleep(2)
+        _, anon0, rss0 = proc_stat(ag.proc.pid)
+        if size == 0:
+            baseline = {"anon": anon0, "rss": rss0}
+            continue
+        sender = Sender(b.app, 5.0, "scale%d" % size)
+        sender.start()
+        time.sleep(a.away_seconds)
+        away = list(sender.latency)
+        t = time.monotonic()
+        _, anon1, rss1 = proc_stat(ag.proc.pid)
+        delivered_before = len(b.srv.requests(path=STATS))
+        # The server is back: it answers, and the connection that waited on
+        # the silent one is dropped, so the head goes again at once.
+        b.srv.normal()
+        b.srv.close_connections()
+        while len(b.srv.requests(path=STATS)) == delivered_before and time.monotonic() - t < 60:
+            time.sleep(0.01)
+        cpu0 = proc_stat(ag.proc.pid)[0]
+        got0 = len(b.srv.requests(path=STATS))
+        t = time.monotonic()
+        time.sleep(a.drain_seconds)
+        cpu1, anon2, rss2 = proc_stat(ag.proc.pid)
+        got = b.srv.requests(path=STATS)[got0 - 1:]
+        delivered = len(got) - 1
+        # The rate while the backlog lasts (a small one is gone within the window).
+        n = min(len(got), size // 2 + 1)
+        rate = (n - 1) / (got[n - 1]["time"] - got[0]["time"]) if n > 1 else float("nan")
+        sender.stop.set()
+        sender.join(5)
+        draining = sender.latency[len(away):]
+        rows.append((size, "%.2f" % seeded, "%.2f" % (ready if ready is not None else float("nan")),
+                     "%.2f" % (first if first is not None else float("nan")), "%.2f" % cpu_ready,
+                     "%+.1f" % ((max(anon0, anon1, anon2) - baseline["anon"]) / 1024.0),
+                     "%+.1f" % ((max(rss0, rss1, rss2) - baseline["rss"]) / 1024.0),
+                     "%.0f" % (os.path.getsize(b.db) / 1048576.0),
+                     "%.1f/%.1f" % (percentile(away, 99), max(away or [float("nan")])),
+                     "%.1f/%.1f" % (percentile(draining, 99), max(draining or [float("nan")])),
+                     "%.2f" % rate, "%.2f" % ((cpu1 - cpu0) * 1000.0 / max(1, delivered))))
+        say("  %d queued: done" % size)
+    say("idle agent: RssAnon %.1f MiB, resident %.1f MiB" % (baseline["anon"] / 1024.0, baseline["rss"] / 1024.0))
+    table(["queued", "seed s", "READY s", "1st request s", "start CPU s", "RssAnon +MiB", "resident +MiB",
+           "db MiB", "ack p99/max ms away", "ack p99/max ms draining", "drain /s", "CPU ms/delivered"], rows)
+
+
 def main():
     ap = argparse.ArgumentParser(description=__doc__,
                                  formatter_class=argparse.RawDescriptionHelpFormatter)
@@ -306,6 +411,10 @@ def main():
                    help="rows put into the failure history before the start")
     o.add_argument("--max-send-seconds", type=int, default=600, help="longest sending phase, s")
     o.add_argument("--deliver-seconds", type=int, default=60, help="delivery window, s")
+    c = sub.add_parser("scale", help="memory, start-up, acknowledgements and drain against the backlog's size")
+    c.add_argument("--sizes", type=int, nargs="+", default=[100, 10000, 100000, 1000000, 3000000])
+    c.add_argument("--away-seconds", type=float, default=30.0, help="acknowledgements with the server away, s")
+    c.add_argument("--drain-seconds", type=float, default=60.0, help="delivery window, s")
     a = ap.parse_args()
     if a.what == "killnine" and a.seed is None:
         a.seed = int(time.time())
@@ -324,7 +433,7 @@ def main():
         nsrun.enter()
         b = Bench(binary, a.keep)
         started = time.monotonic()
-        (bench_killnine if a.what == "killnine" else bench_outage)(b, a)
+        {"killnine": bench_killnine, "outage": bench_outage, "scale": bench_scale}[a.what](b, a)
         say("took %.0f s" % (time.monotonic() - started))
     except KeyboardInterrupt as e:
         say("interrupted (%s)" % (e or "SIGINT"))

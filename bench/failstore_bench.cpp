@@ -91,9 +91,9 @@ int main(int argc, char** argv)
         std::condition_variable cv;
         int loaded = -1;
         t.start();
-        store.loadKept(nullptr, [&](const QList<QEL_QueuedRequest>& kept) {
+        store.loadKept(nullptr, 64, [&](const QList<QEL_QueuedRequest>& kept, qint64 spilled) {
             std::lock_guard<std::mutex> g(m);
-            loaded = kept.size();
+            loaded = int(kept.size() + spilled);
             cv.notify_all();
         });
         std::unique_lock<std::mutex> g(m);
@@ -109,6 +109,6 @@ int main(int argc, char** argv)
     std::printf("burst queued, on disk             %.1f ms\n", queuedMs);
     std::printf("burst delivered, rows deleted     %.1f ms\n", deliveredMs);
     std::printf("one request, committed alone      %.2f ms\n", oneByOneMs);
-    std::printf("read back at start-up             %.1f ms\n", loadMs);
+    std::printf("start-up: window read, rest counted %.1f ms\n", loadMs);
     return 0;
 }

@@ -1,5 +1,6 @@
 #include "QEL_SendQueue.h"
 
+#include <QDateTime>
 #include <QMutexLocker>
 #include <atomic>
 
@@ -21,6 +22,18 @@ void QEL_SendQueue::setTypeOf(TypeOf typeOf)
     typeOf_ = std::move(typeOf);
 }
 
+void QEL_SendQueue::setWindow(int window)
+{
+    QMutexLocker g(&mutex_);
+    window_ = window;
+}
+
+void QEL_SendQueue::setOnFetched(std::function<void()> fetched)
+{
+    QMutexLocker g(&mutex_);
+    onFetched_ = std::move(fetched);
+}
+
 quint64 QEL_SendQueue::newId()
 {
     static std::atomic<quint64> next{1};
@@ -29,32 +42,73 @@ quint64 QEL_SendQueue::newId()
 
 void QEL_SendQueue::append(const QStringList& texts)
 {
+    const qint64 now = QDateTime::currentMSecsSinceEpoch();
     QList<QEL_QueuedRequest> added;
     added.reserve(texts.size());
     for (const QString& text : texts)
-        added.append(QEL_QueuedRequest{newId(), typeOf_ ? typeOf_(text) : 0, text});
+        added.append(QEL_QueuedRequest{newId(), typeOf_ ? typeOf_(text) : 0, text, now});
     QMutexLocker g(&mutex_);
-    entries_.append(added);
+    const bool bounded = window_ > 0 && journal_ != nullptr;
+    for (QEL_QueuedRequest& r : added) {
+        if (bounded && (spilled_ > 0 || entries_.size() >= window_)) {
+            r.spilled = true;       // behind everything spilled before it
+            ++spilled_;
+        } else {
+            entries_.append(r);
+        }
+    }
     if (journal_ != nullptr)
         journal_->journalQueued(added);
 }
 
-void QEL_SendQueue::appendKept(const QList<QEL_QueuedRequest>& requests)
+void QEL_SendQueue::appendKept(const QList<QEL_QueuedRequest>& requests, qint64 spilled)
 {
     QMutexLocker g(&mutex_);
     entries_.append(requests);
+    spilled_ += spilled;
+    fetchIfLow();
+}
+
+void QEL_SendQueue::fetchIfLow()
+{
+    if (fetching_ || spilled_ == 0 || journal_ == nullptr || entries_.size() > window_ / 2)
+        return;
+    const int asked = int(qMin<qint64>(spilled_, qMax(1, window_ - entries_.size())));
+    fetching_ = true;
+    fetchAsked_ = asked;
+    journal_->journalFetch(asked, [this, asked](const QList<QEL_QueuedRequest>& got) { fetched(asked, got); });
+}
+
+void QEL_SendQueue::fetched(int asked, const QList<QEL_QueuedRequest>& got)
+{
+    QList<QEL_QueuedRequest> numbered = got;
+    for (QEL_QueuedRequest& r : numbered)
+        r.number = typeOf_ ? typeOf_(r.text) : 0;
+    std::function<void()> notify;
+    {
+        QMutexLocker g(&mutex_);
+        entries_.append(numbered);
+        // Asked for is what the journal held; fewer came only if rows vanished.
+        spilled_ = qMax<qint64>(0, spilled_ - asked);
+        fetching_ = false;
+        fetchAsked_ = 0;
+        fetchIfLow();
+        notify = onFetched_;
+    }
+    if (notify && !numbered.isEmpty())
+        notify();
 }
 
 bool QEL_SendQueue::isEmpty() const
 {
     QMutexLocker g(&mutex_);
-    return entries_.isEmpty();
+    return entries_.isEmpty() && spilled_ == 0;
 }
 
-int QEL_SendQueue::size() const
+qint64 QEL_SendQueue::size() const
 {
     QMutexLocker g(&mutex_);
-    return entries_.size();
+    return entries_.size() + spilled_;
 }
 
 QStringList QEL_SendQueue::texts() const
@@ -80,6 +134,7 @@ QEL_QueuedRequest QEL_SendQueue::popHead()
     if (current_ == head.id)
         current_ = 0;
     attempts_ = 0;      // the counter is the head's
+    fetchIfLow();
     return head;
 }
 
@@ -89,6 +144,7 @@ bool QEL_SendQueue::take(QEL_QueuedRequest& head)
     if (entries_.isEmpty()) {
         attempts_ = 0;
         current_ = 0;
+        fetchIfLow();       // what comes back restarts the sending
         return false;
     }
     head = entries_.first();
@@ -191,11 +247,49 @@ bool QEL_SendQueue::giveUp(const QString& text)
     QMutexLocker g(&mutex_);
     if (current_ == 0 || !headIs(current_) || entries_.first().text != text)
         return false;
-    popHead();
+    const QEL_QueuedRequest head = popHead();
+    if (journal_ != nullptr)
+        journal_->journalReleased(head.id);
     return true;
+}
+
+int QEL_SendQueue::dropOldest(int count, qint64* oldestMs, qint64* newestMs)
+{
+    QMutexLocker g(&mutex_);
+    int dropped = 0;
+    for (int i = 0; dropped < count && i < entries_.size();) {
+        const QEL_QueuedRequest& r = entries_.at(i);
+        if (r.id == current_ || r.id == inFlight_) {
+            ++i;        // the send thread's: never dropped
+            continue;
+        }
+        if (r.whenMs > 0 && oldestMs != nullptr && (*oldestMs == 0 || r.whenMs < *oldestMs))
+            *oldestMs = r.whenMs;
+        if (r.whenMs > 0 && newestMs != nullptr && r.whenMs > *newestMs)
+            *newestMs = r.whenMs;
+        if (journal_ != nullptr)
+            journal_->journalDone(r.id);
+        entries_.removeAt(i);
+        ++dropped;
+    }
+    // Spilled ones on their way back are not the journal's to drop any more.
+    const int spill = int(qMin<qint64>(count - dropped, spilled_ - fetchAsked_));
+    if (spill > 0 && journal_ != nullptr) {
+        spilled_ -= spill;
+        journal_->journalDropSpilled(spill);
+        dropped += spill;
+    }
+    fetchIfLow();
+    return dropped;
 }
 
 bool QEL_SendQueue::dropDamaged(quint64 id)
 {
     return removeDone(id);
+}
+
+void QEL_SendQueue::forgetSpilled(int count)
+{
+    QMutexLocker g(&mutex_);
+    spilled_ = qMax<qint64>(fetchAsked_, spilled_ - count);
 }

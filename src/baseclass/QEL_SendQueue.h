@@ -14,19 +14,31 @@ struct QEL_QueuedRequest
     quint64 id = 0;
     int number = 0;
     QString text;
+    qint64 whenMs = 0;      // when it was queued (epoch ms; 0: not known)
+    bool spilled = false;   // journalQueued: kept by the journal alone, the queue holds no copy
 };
 
 // Where a durable queue keeps its copy (the failure history). Called with the
 // queue's lock held, so calls for one queue arrive in queue order; the
-// receiver must only record them, never call back into the queue.
+// receiver must only record them, never call back into the queue from inside
+// the call.
 class QEL_SendJournal
 {
 public:
+    using Fetched = std::function<void(const QList<QEL_QueuedRequest>& requests)>;
     virtual ~QEL_SendJournal() = default;
-    // Newly queued requests, in queue order.
+    // Newly queued requests, in queue order (the spilled ones after the rest).
     virtual void journalQueued(const QList<QEL_QueuedRequest>& requests) = 0;
     // The request is finished with: answered by the server, or undeliverable.
     virtual void journalDone(quint64 id) = 0;
+    // The queue let go of the request without finishing it (given up): the
+    // journal keeps it for a later run but need not know it by its identity.
+    virtual void journalReleased(quint64) {}
+    // Hands the `count` oldest spilled requests back to `done`, later and
+    // from any thread, with fresh identities (fewer if some have vanished).
+    virtual void journalFetch(int, Fetched) {}
+    // Forgets the `count` oldest spilled requests for good (the budget).
+    virtual void journalDropSpilled(int) {}
 };
 
 // The send queue of one send thread: requests first in, first out, one of
@@ -42,6 +54,12 @@ public:
 // removes it (acknowledge) only while it is in flight; a time-out, a lost
 // link or a failed write ends the flight without removing it. A request the
 // send thread gives up (giveUp) leaves the queue but stays in the journal.
+//
+// Memory: with a window set, at most that many requests are held here; the
+// rest are "spilled" (the journal alone keeps them, in order) and fetched
+// back a window's half at a time as the head end drains, so memory does not
+// grow with the backlog. Whatever is queued while anything is spilled spills
+// too, so the order is always the order of queueing.
 class QEL_SendQueue
 {
 public:
@@ -54,16 +72,25 @@ public:
     void setJournal(QEL_SendJournal* journal);
     // How a text's item number is read (before anything is queued).
     void setTypeOf(TypeOf typeOf);
+    // At most `window` requests in memory, the rest spilled to the journal
+    // (0, the default: everything in memory). Before anything is queued.
+    void setWindow(int window);
+    // Any thread, outside the lock: spilled requests came back (the send
+    // thread may have found the memory part empty meanwhile).
+    void setOnFetched(std::function<void()> fetched);
 
     // New requests, journalled in the same step.
     void append(const QStringList& texts);
-    // Requests that the journal already holds (read back at start-up).
-    void appendKept(const QList<QEL_QueuedRequest>& requests);
+    // Requests that the journal already holds (read back at start-up): these
+    // in memory, then `spilled` more that the journal alone holds.
+    void appendKept(const QList<QEL_QueuedRequest>& requests, qint64 spilled = 0);
     // A fresh identity, unique in this process.
     static quint64 newId();
 
     bool isEmpty() const;
-    int size() const;
+    // Everything queued, the spilled requests included.
+    qint64 size() const;
+    // The texts held in memory (the spilled ones are not read back for this).
     QStringList texts() const;
 
     // The send thread: the head, remembered as the one it is handling.
@@ -100,14 +127,30 @@ public:
     // delivered (no item takes it). Journalled as done.
     bool dropDamaged(quint64 id);
 
+    // Drops the `count` oldest requests for good, never the one the send
+    // thread is handling: those in memory journalled as done, then spilled
+    // ones. Returns how many went; `oldestMs`/`newestMs` (if given) widen to
+    // the queueing times of those in memory.
+    int dropOldest(int count, qint64* oldestMs = nullptr, qint64* newestMs = nullptr);
+    // The journal removed `count` spilled requests by itself (duplicates).
+    void forgetSpilled(int count);
+
 private:
     bool headIs(quint64 id) const;
     QEL_QueuedRequest popHead();
+    // Asks the journal for spilled requests once memory is half drained.
+    void fetchIfLow();
+    void fetched(int asked, const QList<QEL_QueuedRequest>& requests);
 
     mutable QMutex mutex_;
     TypeOf typeOf_;
     QEL_SendJournal* journal_;
     QList<QEL_QueuedRequest> entries_;
+    int window_ = 0;            // 0: no bound
+    qint64 spilled_ = 0;        // requests only the journal holds, after entries_
+    bool fetching_ = false;     // a fetch is on its way
+    int fetchAsked_ = 0;        // ... for this many
+    std::function<void()> onFetched_;
     quint64 current_ = 0;       // the head the send thread is handling
     quint64 inFlight_ = 0;      // written, answer awaited (0: none)
     quint64 lastSent_ = 0;      // the last request written

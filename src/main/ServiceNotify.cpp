@@ -16,6 +16,15 @@
 
 namespace {
 
+// 1204 -> "1 204": read at a glance in `systemctl status`.
+QString grouped(qint64 n)
+{
+    QString digits = QString::number(n);
+    for (int at = digits.size() - 3; at > 0; at -= 3)
+        digits.insert(at, ' ');
+    return digits;
+}
+
 void notify(const QString& state)
 {
     sd_notify(0, state.toUtf8().constData());
@@ -43,9 +52,10 @@ ServiceNotify::ServiceNotify(NetWorkConsole* console, QObject* parent)
                                    static_cast<QEL_BaseSocket*>(console->socketFile)})
         connect(socket, &QEL_BaseSocket::sigReply, this, [this] { lastAnswer_.start(); });
 
-    // The store works through its jobs in order and reading the history back
-    // is its first, so this runs once the history has been read.
-    console->failStore->whenStored(
+    // Ready once the history has been read (or could not be, for now):
+    // storage trouble is reported in the status line, never waited out, or
+    // systemd would restart an agent whose only fault is a full disk.
+    console->failStore->whenLoadTried(
         [this] { QMetaObject::invokeMethod(this, [this] { ready(); }, Qt::QueuedConnection); });
 
     // The ping comes from this thread's event loop: a main thread that stops
@@ -92,11 +102,16 @@ QString ServiceNotify::statusLine() const
         streaming += (push.mux != nullptr && push.mux->mux() != nullptr && push.mux->mux()->streaming()) ? 1 : 0;
     const QString answer = lastAnswer_.isValid() ? QString("last answer %1 s ago").arg(lastAnswer_.elapsed() / 1000)
                                                  : QString("no answer yet");
-    return QString::fromUtf8("server: %1 · queued %2 · files queued %3 · cameras streaming %4/%5 · %6")
+    QString store = console.failStore->trouble();
+    store = store.isEmpty() ? QString() : QString::fromUtf8(" · database: ") + store;
+    if (const qint64 dropped = console.failStore->droppedOldest())
+        store += QString::fromUtf8(" · dropped %1 oldest since start").arg(grouped(dropped));
+    return QString::fromUtf8("server: %1 · queued %2 · files queued %3 · cameras streaming %4/%5 · %6%7")
         .arg(server)
         .arg(console.threadInfo->queue.size())
         .arg(console.threadFile->queue.size())
         .arg(streaming)
         .arg(video->pushList.size())
-        .arg(answer);
+        .arg(answer)
+        .arg(store);
 }

@@ -19,6 +19,7 @@
 extern "C" {
 #include <libavutil/error.h>
 #include <libavutil/opt.h>
+#include <libavutil/time.h>
 }
 
 #include "FrameSlots.h"
@@ -272,6 +273,17 @@ int CMux::FillFrame(PendingFrame& pending)
     return 1;   // I420: encoded from the copy itself
 }
 
+void CMux::sayCongestion(bool dropping)
+{
+    const int64_t now = av_gettime_relative();
+    if (congestionLineTime_ >= 0 && now - congestionLineTime_ < kCongestionLinePeriodUs)
+        return;     // counted, said with the next line
+    LOG(INFO) << "video:(camera " << cameraId_ << (dropping ? " congested" : " caught up") << ": "
+              << dropped_ - droppedAtLine_ << " frames dropped before encoding since the last report)";
+    droppedAtLine_ = dropped_;
+    congestionLineTime_ = now;
+}
+
 int CMux::OnMux()
 {
     PendingFrame pending;
@@ -290,16 +302,11 @@ int CMux::OnMux()
         // goes on with a key frame once it has caught up.
         ++dropped_;
         keyWanted_ = true;
-        if (!congested_) {
-            congested_ = true;
-            LOG(INFO) << "video:(camera " << cameraId_ << " congested: frames are dropped before encoding)";
-        }
+        sayCongestion(true);
         return 0;
     }
-    if (congested_) {
-        congested_ = false;
-        LOG(INFO) << "video:(camera " << cameraId_ << " caught up, " << dropped_ << " frames dropped so far)";
-    }
+    if (dropped_ != droppedAtLine_)
+        sayCongestion(false);
     if (video_.codec == nullptr || video_.frame == nullptr || !avcodec_is_open(video_.codec)) {
         std::fprintf(stderr, "Error sending a frame for encoding\n");
         return 0;

@@ -184,7 +184,12 @@ private:
     std::vector<char> backlog_;
     size_t backlogHead_ = 0;
     uint64_t dropped_ = 0;          // frames dropped before encoding, in all
-    bool congested_ = false;        // dropping now (for the log)
+    // The log hears of congestion at most once a minute: a slow uplink
+    // drops and catches up several times a second.
+    static constexpr int64_t kCongestionLinePeriodUs = 60 * 1000000LL;
+    void sayCongestion(bool dropping);
+    uint64_t droppedAtLine_ = 0;    // dropped_ when the last congestion line was written
+    int64_t congestionLineTime_ = -1;   // av_gettime_relative() of that line; -1: none yet
     char deviceId_[128] = {};
     char cameraId_[64] = {};
 };

@@ -69,6 +69,17 @@ NetWorkConsole::NetWorkConsole(QObject* parent, const QString& dbPath)
     // as files by their items.
     failStore = new QEL_FailStore(dbPath, this);
     threadInfo->queue.setJournal(failStore);
+    threadInfo->queue.setWindow(kInfoWindow);
+    // What comes back from the history while the send thread found nothing
+    // in memory restarts it.
+    threadInfo->queue.setOnFetched(
+        [this] { QMetaObject::invokeMethod(this, [this] { threadInfo->startSend(); }, Qt::QueuedConnection); });
+    failStore->setBudget(
+        queueLimitBytes(),
+        [this](int count, qint64* oldestMs, qint64* newestMs) {
+            return threadInfo->queue.dropOldest(count, oldestMs, newestMs);
+        },
+        [this](int count) { threadInfo->queue.forgetSpilled(count); });
 
     // The application hears "/back/" once what its message queued is stored.
     socketInline->setWhenStored([this](std::function<void()> done) { failStore->whenStored(std::move(done)); });
@@ -138,10 +149,10 @@ void NetWorkConsole::FirstInit()
     // Reading the history back is the store's first job, so it sees none of
     // the rows that this run is about to add.
     failStore->start();
-    failStore->loadKept(QEL_SendQueue::TypeOf(&NetWorkConsole::ParseTypeFromInfo),
-                        [this](const QList<QEL_QueuedRequest>& kept) {
+    failStore->loadKept(QEL_SendQueue::TypeOf(&NetWorkConsole::ParseTypeFromInfo), kInfoWindow,
+                        [this](const QList<QEL_QueuedRequest>& kept, qint64 spilled) {
                             QMetaObject::invokeMethod(
-                                this, [this, kept] { queueKept(kept); }, Qt::QueuedConnection);
+                                this, [this, kept, spilled] { queueKept(kept, spilled); }, Qt::QueuedConnection);
                         });
 
     socketFile->Init();
@@ -152,7 +163,20 @@ void NetWorkConsole::FirstInit()
         item->Item_Init();
 }
 
-void NetWorkConsole::queueKept(const QList<QEL_QueuedRequest>& kept)
+qint64 NetWorkConsole::queueLimitBytes()
+{
+    // Optional: absent or empty means the default; anything else unusable is said once.
+    const QString text = gConfig->queue_limit_mb.trimmed();
+    bool ok = false;
+    const qint64 mb = text.toLongLong(&ok, 10);
+    if (text.isEmpty() || (ok && mb > 0 && mb <= (1LL << 30)))
+        return text.isEmpty() ? QEL_FailStore::kDefaultLimitBytes : mb << 20;
+    LOG(INFO) << "config:" << "(queue_limit_mb \"" << text.toUtf8().constData() << "\" is not a number of MiB above 0;"
+              << " the default " << (QEL_FailStore::kDefaultLimitBytes >> 20) << " is used)";
+    return QEL_FailStore::kDefaultLimitBytes;
+}
+
+void NetWorkConsole::queueKept(const QList<QEL_QueuedRequest>& kept, qint64 spilled)
 {
     // Requests left over from the last run go out again like new ones. A
     // text this run has already queued (its own login) is not sent twice:
@@ -166,9 +190,9 @@ void NetWorkConsole::queueKept(const QList<QEL_QueuedRequest>& kept)
         else
             fresh.append(r);
     }
-    if (fresh.isEmpty())
+    if (fresh.isEmpty() && spilled == 0)
         return;
-    threadInfo->queue.appendKept(fresh);
+    threadInfo->queue.appendKept(fresh, spilled);
     if (!socketInfo->connected || !socketInfo->isQel()) {
         socketInfo->requestConnect(QEL_BaseSocket::ConnectWhen::Backoff,
                                    [this](bool) { threadInfo->startSend(); });
@@ -287,8 +311,8 @@ void NetWorkConsole::saveWithOutSend(const QString& text)
 
 void NetWorkConsole::refreshFailHistory()
 {
-    QEL_ASSERT_MAIN_THREAD();
-    failStore->check();
+    // The table follows the queue as it changes; nothing is counted or
+    // scanned here, whatever the backlog.
 }
 
 void NetWorkConsole::reportLinkLost()

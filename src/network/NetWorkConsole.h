@@ -28,6 +28,8 @@ class NetWorkConsole : public QObject, public QEL_ItemHost
     Q_OBJECT
 public:
     static const int kItemCount = 21;
+    // INFO requests held in memory; the rest wait in the failure history alone.
+    static const int kInfoWindow = 64;
 
     // `dbPath`: the configuration database, which also holds the failure history.
     NetWorkConsole(QObject* parent, const QString& dbPath);
@@ -90,7 +92,9 @@ private:
     void wireServerSocket(QEL_BaseSocket* socket);
     // Main thread: one message from the application, split by the link.
     void takeApplicationMessage(int type, const QString& body, const std::function<void()>& handled);
-    void queueKept(const QList<struct QEL_QueuedRequest>& kept);
+    void queueKept(const QList<struct QEL_QueuedRequest>& kept, qint64 spilled);
+    // The failure history's budget from `queue_limit_mb` (default 1024 MiB).
+    static qint64 queueLimitBytes();
 
     JobRunner imagePacker_;                 // listing, tar, mv and rm of the image items, in order
     ShellCommand packerShell_;              // the image packer's commands (a running tar ends at the stop)

@@ -27,6 +27,7 @@ struct TarJob
     QString partial;        // where tar writes it (renamed to `archive` once tar succeeded)
     QString command;        // the shell command that writes `partial`
     QStringList members;    // "./" names, in order
+    QStringList images;     // the image paths they are made from, in the same order
 };
 
 // The archives for `images`, in order: at most `perArchive` images each (10
@@ -50,3 +51,10 @@ QDateTime parseTimeFile(const QByteArray& content, const QDateTime& fallback);
 // skipped.
 QByteArray packedListText(const QHash<QString, qint64>& packed);
 QHash<QString, qint64> parsePackedList(const QByteArray& text);
+
+// File names are bytes; the application may write names that are not UTF-8.
+// A name is held as a QString with each byte that is not part of valid UTF-8
+// kept as the lone surrogate U+DC80..U+DCFF, and turned back into the very
+// same bytes for the disk, the shell and tar (nothing is lost or merged).
+QString decodeFileName(const QByteArray& bytes);
+QByteArray encodeFileName(const QString& name);

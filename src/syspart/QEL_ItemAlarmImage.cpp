@@ -6,11 +6,13 @@
 #include <QFileInfo>
 #include <QMetaObject>
 #include <QSaveFile>
+#include <QTimer>
 #include <deque>
 
 #include <glog/logging.h>
 
 #include "CHttpEndpoints.h"
+#include "ImageFiles.h"
 #include "ImagePacking.h"
 #include "QEL_ItemHost.h"
 #include "QEL_BaseSocket.h"
@@ -120,9 +122,11 @@ QStringList QEL_ItemAlarmImage::imageDirs() const
 
 // ---- packer thread ----------------------------------------------------------
 
-void QEL_ItemAlarmImage::runShell(const QString& command)
+ShellCommand::Result QEL_ItemAlarmImage::runShell(const QString& command, ShellCommand::OnStop onStop,
+                                                  bool captureOutput)
 {
-    shell_->run(command.toStdString(), ShellCommand::OnStop::Finish);
+    // Image names may hold bytes that are not UTF-8: they go to the shell as they are on disk.
+    return shell_->run(encodeFileName(command).toStdString(), onStop, captureOutput);
 }
 
 QString QEL_ItemAlarmImage::packedFile() const
@@ -142,8 +146,13 @@ void QEL_ItemAlarmImage::look(bool atStart)
         Item_CheckDir(dirs);
         QStringList kept;
         Item_ResendPolicy(kept);
-        // Failed archives go before anything new, in the order found.
+        // Failed archives go before anything new, in the order found, and
+        // go out while the leftovers are looked at.
         thread->queue.append(kept);
+        if (!kept.isEmpty())
+            askToSend();
+        if (!takeLeftovers())
+            return;     // stopping: the rest is taken at the next start
     }
     QDateTime since;
     if (!atStart && itemHost()->secondState())
@@ -174,30 +183,46 @@ void QEL_ItemAlarmImage::Item_CheckDir(QStringList& out)
         // above the time file and packed again.
         runShell(QString("rm -f %1*.tar.gz.part").arg(shellQuote(workDir())));
     }
-    const QStringList leftovers = work.exists() ? work.entryList(QStringList() << "*.tar.gz", QDir::Files) : QStringList();
-    if (!leftovers.isEmpty()) {
-        // Archives of an earlier run that never got their answer. One killed
-        // between making an archive and writing down what it packed would
-        // otherwise pack the same images again: whatever an archive holds
-        // counts as packed.
-        for (const QString& name : leftovers)
-            rememberPacked(workDir() + name);
-        runShell(QString("mv %1*.tar.gz %2").arg(shellQuote(workDir()), shellQuote(failDir)));
-    }
     oxa_dir_create(workDir().toUtf8().constData(), "");
 }
 
-void QEL_ItemAlarmImage::rememberPacked(const QString& archive)
+bool QEL_ItemAlarmImage::takeLeftovers()
 {
-    const ShellCommand::Result listing = shell_->run(
-        QString("tar --quoting-style=literal -tzf %1").arg(shellQuote(archive)).toStdString(),
-        ShellCommand::OnStop::Kill, true);
-    const QDir root(gConfig->apppath);
-    for (const QString& member : QString::fromStdString(listing.output).split('\n', Qt::SkipEmptyParts)) {
-        const QFileInfo image(QDir::cleanPath(root.absoluteFilePath(member)));
-        if (image.isFile())
-            recent_.insert(image.absoluteFilePath(), image.lastModified().toUTC().toMSecsSinceEpoch());
+    // Archives of an earlier run that never got their answer. One killed
+    // between making an archive and writing down what it packed would
+    // otherwise have its images packed again: whatever an archive holds
+    // counts as packed, and is written down before the archive leaves the
+    // working directory. One at a time, so that the first goes out at once
+    // and a stop leaves the rest for the next start, untouched.
+    const QStringList leftovers = QDir(workDir()).entryList(QStringList() << "*.tar.gz", QDir::Files, QDir::Name);
+    for (const QString& name : leftovers) {
+        const qint64 mark = timeMarkMs();
+        const QString archive = workDir() + name;
+        const ShellCommand::Result listing = runShell(
+            QString("tar --quoting-style=literal -tzf %1").arg(shellQuote(archive)), ShellCommand::OnStop::Kill, true);
+        if (listing.status < 0 || shell_->stopping())
+            return false;
+        if (!listing.ok())
+            LOG(INFO) << "pack:" << number << "(leftover archive not readable, kept for the server: "
+                      << archive.toUtf8().constData() << ")";
+        bool more = false;
+        for (const QByteArray& member : QByteArray::fromStdString(listing.output).split('\n')) {
+            if (member.isEmpty())
+                continue;
+            const QString image = QDir::cleanPath(gConfig->apppath + '/' + decodeFileName(member));
+            const qint64 modified = fileModifiedMs(image);
+            if (modified > mark && recent_.value(image, -1) != modified) {
+                recent_.insert(image, modified);
+                more = true;
+            }
+        }
+        if (more)
+            writeAtomically(packedFile(), packedListText(recent_));
+        runShell(QString("mv -f %1 %2").arg(shellQuote(archive), shellQuote(failDir)));
+        thread->queue.append(QStringList() << failDir + name);
+        askToSend();
     }
+    return true;
 }
 
 void QEL_ItemAlarmImage::Item_ResendPolicy(QStringList& queue)
@@ -239,16 +264,13 @@ void QEL_ItemAlarmImage::Item_GetSendFileList(const QDateTime& t, const QStringL
     const qint64 since = t.toMSecsSinceEpoch();
     listedTimes_.clear();
     for (const QString& dir : dirs) {
-        const QFileInfoList files = QDir(dir).entryInfoList(QDir::Files, QDir::Time);
-        for (const QFileInfo& f : files) {
-            const qint64 modified = f.lastModified().toUTC().toMSecsSinceEpoch();
-            if (modified <= since)
+        for (const ImageFile& f : listImageFiles(dir)) {
+            if (f.modifiedMs <= since)
                 continue;
-            const QString path = f.absoluteFilePath();
-            if (recent_.value(path, -1) == modified)
-                continue;       // packed by the last look already (the same image, unchanged)
-            listedTimes_.insert(path, modified);
-            out.append(path);
+            if (recent_.value(f.path, -1) == f.modifiedMs)
+                continue;       // handled by a look already (the same image, unchanged)
+            listedTimes_.insert(f.path, f.modifiedMs);
+            out.append(f.path);
         }
     }
 }
@@ -276,31 +298,61 @@ RetError QEL_ItemAlarmImage::packInto(const QStringList& files, QStringList& tar
 QEL_ItemAlarmImage::Packed QEL_ItemAlarmImage::pack(const QStringList& files, int perArchive)
 {
     Packed out;
-    const QVector<TarJob> jobs = planArchives(files, gConfig->apppath, workDir(), perArchive,
-                                              [] { return QDateTime::currentDateTime(); });
-    int first = 0;
-    for (const TarJob& job : jobs) {
-        const QStringList images = files.mid(first, job.members.size());
-        first += job.members.size();
-        // Written under another name and renamed once complete: an archive
-        // under its real name is always whole.
-        const QString command =
-            job.command + QString(" && mv -f %1 %2").arg(shellQuote(job.partial), shellQuote(job.archive));
-        const ShellCommand::Result r = shell_->run(command.toStdString(), ShellCommand::OnStop::Kill);
+    const auto now = [] { return QDateTime::currentDateTime(); };
+    QVector<TarJob> jobs = planArchives(files, gConfig->apppath, workDir(), perArchive, now);
+    for (int j = 0; j < jobs.size(); ++j) {
+        TarJob& job = jobs[j];
+        // Written under another name, on disk with its directory entry
+        // before anything records its images (a power cut may then cost
+        // images sent twice, never images lost), renamed once complete: an
+        // archive under its real name is always whole.
+        const QString command = job.command
+            + QString(" && sync %1 && mv -f %1 %2 && sync %3")
+                  .arg(shellQuote(job.partial), shellQuote(job.archive), shellQuote(workDir()));
+        const ShellCommand::Result r = runShell(command, ShellCommand::OnStop::Kill);
         if (r.ok()) {
             out.tars << job.archive;
-            out.images << images;
+            out.images << job.images;
             continue;
         }
+        if (r.status >= 0)
+            runShell(QString("rm -f %1").arg(shellQuote(job.partial)));
+        if (r.status < 0 || shell_->stopping()) {
+            out.complete = false;
+            break;      // the agent is stopping: the rest is not even begun, the next start packs it
+        }
+        // An image that cannot be read (no permission, a worn card, gone
+        // since the listing) is left out, and the archive made of the rest.
+        QStringList readable;
+        for (const QString& image : job.images) {
+            const QString why = whyUnreadable(image);
+            if (why.isEmpty()) {
+                readable << image;
+                continue;
+            }
+            LOG(INFO) << "pack:" << number << "(image left out, not readable: " << image.toUtf8().constData()
+                      << ": " << why.toUtf8().constData() << ")";
+            out.skipped << image;
+        }
+        if (readable.size() < job.images.size() && !readable.isEmpty()) {
+            job = planArchives(readable, gConfig->apppath, workDir(), perArchive, now).first();
+            --j;        // once more, without them
+            continue;
+        }
+        if (readable.isEmpty())
+            continue;
+        // Every image reads: the archive could not be written (a full or
+        // read-only disk). The images stay above the time file for a later look.
         out.complete = false;
-        if (r.status < 0)
-            break;      // the agent is stopping: the rest is not even begun
-        LOG(INFO) << "pack:" << number << "(tar failed with status " << r.status << ": "
-                  << job.archive.toUtf8().constData() << " removed, its " << images.size()
-                  << " images are left for the next look)";
-        runShell(QString("rm -f %1").arg(shellQuote(job.partial)));
-        if (shell_->stopping())
-            break;      // ended by the stop: the next start packs the rest
+        if (packFailures_++ == 0)
+            LOG(INFO) << "pack:" << number << "(tar failed with status " << r.status << ": "
+                      << job.archive.toUtf8().constData() << " removed, its " << job.images.size()
+                      << " images are left for the next look)";
+        break;
+    }
+    if (out.complete && packFailures_ > 0) {
+        LOG(INFO) << "pack:" << number << "(packing again after " << packFailures_ << " failed tries)";
+        packFailures_ = 0;
     }
     return out;
 }
@@ -318,6 +370,20 @@ void QEL_ItemAlarmImage::packAndQueue(const QStringList& files, const QDateTime&
 {
     if (files.isEmpty())
         return;
+    qint64 bytes = 0;
+    for (const QString& image : files)
+        bytes += fileSizeOf(image);
+    if (roomAboveFloor(workDir()) < bytes) {
+        // Archives take about what their images take: a look that would
+        // bring the disk below its floor waits, its images above the mark.
+        if (!postponed_)
+            LOG(INFO) << "pack:" << number << "(look postponed: " << files.size() << " images, " << (bytes >> 10)
+                      << " KiB, would leave less than 5 % or 512 MiB free on the disk)";
+        postponed_ = true;
+        lookAgainSoon();
+        return;
+    }
+    postponed_ = false;
     const Packed packed = pack(files, perArchive_);
     // The time file says when the listing began (a little before, for the
     // coarse file clock): an image written since then is newer and found by
@@ -333,10 +399,10 @@ void QEL_ItemAlarmImage::packAndQueue(const QStringList& files, const QDateTime&
     for (auto it = recent_.cbegin(); it != recent_.cend(); ++it)
         if (it.value() > before)
             above.insert(it.key(), it.value());
-    for (const QString& image : packed.images) {
-        const qint64 modified = listedTimes_.contains(image)
-            ? listedTimes_.value(image)
-            : QFileInfo(image).lastModified().toUTC().toMSecsSinceEpoch();
+    // An image left out as unreadable is written down like a packed one: it
+    // is tried again, and said again, only once its time changes.
+    for (const QString& image : packed.images + packed.skipped) {
+        const qint64 modified = listedTimes_.value(image, fileModifiedMs(image));
         if (modified > before)
             above.insert(image, modified);
     }
@@ -349,6 +415,22 @@ void QEL_ItemAlarmImage::packAndQueue(const QStringList& files, const QDateTime&
 
     thread->queue.append(packed.tars);
     askToSend();
+    if (!packed.complete && !shell_->stopping())
+        lookAgainSoon();
+}
+
+void QEL_ItemAlarmImage::lookAgainSoon()
+{
+    if (lookPending_.exchange(true))
+        return;
+    // A full or read-only disk gets well again without the application
+    // saying so: the images left behind are looked for again shortly.
+    QMetaObject::invokeMethod(this, [this] {
+        QTimer::singleShot(kLookAgainMs, this, [this] {
+            lookPending_ = false;
+            Item_ReInit();
+        });
+    }, Qt::QueuedConnection);
 }
 
 void QEL_ItemAlarmImage::askToSend()

@@ -3,6 +3,7 @@
 #include <QDateTime>
 #include <QHash>
 #include <QStringList>
+#include <atomic>
 
 #include "JobRunner.h"
 #include "ShellCommand.h"
@@ -57,6 +58,7 @@ public:
     QString failDir;
 
     static const qint64 kKeepFailedMs = 259199999;      // 72 h less 1 ms
+    static const int kLookAgainMs = 3000;               // after a look that could not write its archives
     static const int kChunkBytes = 16384;
 
 protected:
@@ -69,24 +71,32 @@ private:
     {
         QStringList tars;       // archives made, in order
         QStringList images;     // the images they hold
-        bool complete = true;   // every image went into an archive
+        QStringList skipped;    // left out: they could not be read
+        bool complete = true;   // every readable image went into an archive
     };
 
     // Packer thread: one look at the directories (at start-up: also the
     // leftovers, the failed archives and what the last run packed).
     void look(bool atStart);
     void packAndQueue(const QStringList& files, const QDateTime& listedAt);
-    // Runs tar for each archive; a tar that fails (full disk, killed by the
-    // stop) leaves no archive behind and its images for the next look.
+    // Runs tar for each archive. An unreadable image is left out of its
+    // archive; an archive that cannot be written (full disk, killed by the
+    // stop) leaves nothing behind, and its images and the rest of the look
+    // for a later look.
     Packed pack(const QStringList& files, int perArchive);
+    // Main thread, soon: a look, once, however many ask for it meanwhile.
+    void lookAgainSoon();
     void askToSend();
     // Writes the request head and the archive; false if the link failed.
     bool streamFile(class QFile& file);
-    // Any thread: one shell command that the stop lets finish (mv, rm).
-    void runShell(const QString& command);
-    // Packer thread, at start: the images an archive left by an earlier run
-    // holds count as packed by the last look (listed with tar).
-    void rememberPacked(const QString& archive);
+    // Any thread: one shell command; by default one the stop lets finish (mv, rm).
+    ShellCommand::Result runShell(const QString& command, ShellCommand::OnStop onStop = ShellCommand::OnStop::Finish,
+                                  bool captureOutput = false);
+    // Packer thread, at start: archives an earlier run left in the working
+    // directory go to the failure directory and are queued, one at a time,
+    // once what they hold is written down as packed. False if the stop cut
+    // it short.
+    bool takeLeftovers();
 
     // The time file's mark in epoch ms (the default moment when it has none).
     qint64 timeMarkMs() const;
@@ -103,6 +113,9 @@ private:
     QHash<QString, qint64> recent_;
     // Packer thread only: the times of the images the last listing found.
     QHash<QString, qint64> listedTimes_;
+    int packFailures_ = 0;                  // packer thread: looks in a row that could not write
+    bool postponed_ = false;                // packer thread: looks wait for room on the disk
+    std::atomic<bool> lookPending_{false};
 };
 
 class QEL_ItemTemplate : public QEL_ItemAlarmImage

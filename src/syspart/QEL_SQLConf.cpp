@@ -83,6 +83,7 @@ QEL_SQLConf::QEL_SQLConf(QObject* parent, const QString& dbPath)
     // The device identifier is always this machine's name; the stored row is
     // left as it is.
     useInlineName = QHostInfo::localHostName();
+    queue_limit_mb = findValue("queue_limit_mb");
 
     for (const KeyDefault& k : kKeys) {
         if ((this->*k.field).isEmpty()) {
@@ -91,11 +92,9 @@ QEL_SQLConf::QEL_SQLConf(QObject* parent, const QString& dbPath)
         }
     }
     status = kSuccess;
-
-    query_.exec("select name from sqlite_master where name='info_failhistory'");
-    if (!query_.next())
-        query_.exec("CREATE TABLE info_failhistory(发送时间 BIGINT NOT NULL,内容 TEXT NOT NULL)");
-    query_.finish();
+    // The failure history's table is made by the failure history itself, on
+    // its own thread: a write here would hold the start up for as long as
+    // another process holds the database.
 }
 
 QEL_SQLConf::~QEL_SQLConf()

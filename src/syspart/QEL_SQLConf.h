@@ -43,6 +43,8 @@ public:
     QString useInlineName;      // always the host name in memory
     QString apppath_send;
     QString thispath;
+    // Optional keys: read when present, never written.
+    QString queue_limit_mb;     // the failure history's budget in MiB (empty: the default)
 
     QString status;
 

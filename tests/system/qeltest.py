@@ -11,11 +11,13 @@ import os
 import re
 import shutil
 import signal
+import socket
 import sqlite3
 import subprocess
 import sys
 import tarfile
 import tempfile
+import threading
 import time
 import unittest
 from contextlib import closing
@@ -146,8 +148,9 @@ class Agent:
     """One run of the binary in `workdir`; it dies with the test (PR_SET_PDEATHSIG)."""
     _count = 0
 
-    def __init__(self, workdir, args=None, db=None, log_dir=None):
-        self.workdir = os.path.abspath(workdir)
+    def __init__(self, workdir, args=None, db=None, log_dir=None, notify=False, prefix=()):
+        self.workdir, self.prefix = os.path.abspath(workdir), list(prefix)     # prefix: e.g. setpriv, which execs
+        self.notices = [] if notify else None     # (monotonic time, text) from NOTIFY_SOCKET
         self.args = list(args) if args is not None else ([db] if db is not None else [])
         self._log_dir, self.proc, self.binary = log_dir, None, BIN
         Agent._count += 1
@@ -158,10 +161,18 @@ class Agent:
         if not isolated():
             raise RuntimeError("refusing to run the agent outside the namespaces of tests/system/nsrun.py")
         os.makedirs(self.workdir, exist_ok=True)
+        env = dict(os.environ, QT_FORCE_STDERR_LOGGING="1", QT_LOGGING_TO_CONSOLE="1")
+        if self.notices is not None:        # systemd's side of Type=notify
+            env["NOTIFY_SOCKET"] = os.path.join(self.workdir, self.name + ".notify")
+            sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+            sock.bind(env["NOTIFY_SOCKET"])
+            threading.Thread(target=lambda: [self.notices.append((time.monotonic(), sock.recv(4096).decode()))
+                                             for _ in iter(int, 1)], daemon=True).start()
+        self.started_at = time.monotonic()
         with open(self.stderr_path, "wb") as err:
-            self.proc = subprocess.Popen([self.binary] + self.args, cwd=self.workdir, stdin=subprocess.DEVNULL,
+            self.proc = subprocess.Popen(self.prefix + [self.binary] + self.args, cwd=self.workdir, stdin=subprocess.DEVNULL,
                                          stdout=subprocess.DEVNULL, stderr=err,
-                                         env=dict(os.environ, QT_FORCE_STDERR_LOGGING="1", QT_LOGGING_TO_CONSOLE="1"),
+                                         env=env,
                                          preexec_fn=lambda: _prctl(1, signal.SIGKILL))
         return self
 
@@ -285,7 +296,7 @@ class AgentTestCase(unittest.TestCase):
             time.sleep(0.05)
 
     def start_all(self, server=True, app=True, wait_login=True, server_kw=None, db_overrides=None,
-                  before_start=None):
+                  before_start=None, agent_kw=None):
         self.srv = self.server_sim(**(server_kw or {})) if server else None
         if before_start:
             before_start(self.srv)
@@ -293,7 +304,7 @@ class AgentTestCase(unittest.TestCase):
         self.app = self.app_sim() if app else None
         self.db = self.make_db(info_port=self.info_port, file_port=self.file_port,
                                video_port=self.srv.video_port if server else None, overrides=db_overrides)
-        self.ag = self.agent(db=self.db).start()
+        self.ag = self.agent(db=self.db, **(agent_kw or {})).start()
         self.ag.wait_log(r"config success")
         if app:
             self.app.wait_connected(10)

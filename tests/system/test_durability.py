@@ -8,8 +8,10 @@ import collections
 import json
 import os
 import random
+import re
 import signal
 import sqlite3
+import subprocess
 import threading
 import time
 import unittest
@@ -106,6 +108,103 @@ class Durability(AgentTestCase):
                 self.assertLess(max(acked_at) - held_at, hold - 0.5, "held up beyond the bound")
             self.ag.assert_quiet()
         self.deliver_after_restart(kept_bodies)
+
+    def test_a_database_that_cannot_take_a_write_is_reported_not_waited_out(self):
+        """Full, locked by another process, or read-only from the start: the agent is ready at
+        once, says the trouble once in the log and in the status line, acknowledges
+        within the 2 s bound, and stores everything within 5 s of the cure."""
+        self.srv, self.app = self.server_sim(), self.app_sim()
+        self.srv.silent()       # nothing is answered: everything stays queued
+        for n, cause in enumerate(["disk full", "locked by another process", "read-only"]):
+            with self.subTest(cause=cause):
+                self.info_port, where = self.srv.info_port, self.path(str(n))
+                os.makedirs(where)
+                if cause != "locked by another process":   # above the free-space floor once cured
+                    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1g", "qel-db", where], check=True)
+                    self._mounts.append(where)
+                self.db = self.make_db(os.path.join(str(n), "sysconf.db"), info_port=self.srv.info_port,
+                                       file_port=self.srv.file_port)
+                if cause == "disk full":
+                    fd = os.open(os.path.join(where, "filler"), os.O_WRONLY | os.O_CREAT)
+                    try:
+                        os.posix_fallocate(fd, 0, os.statvfs(where).f_bavail * 4096 - 65536)
+                        while os.write(fd, bytes(4096)):
+                            pass
+                    except OSError:
+                        os.close(fd)
+                    cure = lambda: os.remove(os.path.join(where, "filler"))
+                elif cause == "read-only":     # as after an error; opened so, the database is opened afresh
+                    subprocess.run(["mount", "-o", "remount,ro", where], check=True)
+                    cure = lambda: subprocess.run(["mount", "-o", "remount,rw", where], check=True)
+                else:
+                    lock = sqlite3.connect(self.db, isolation_level=None)
+                    lock.execute("BEGIN IMMEDIATE")
+                    cure = lock.close
+                minutes = {time.strftime("%H:%M")}
+                for earlier in self._agents:    # one that failed a row still holds the application link
+                    earlier.stop()
+                ag = self.agent(db=self.db, notify=True).start()
+                ready = self.wait_until(lambda: [t for t, m in ag.notices if "READY=1" in m], 5, "READY=1")[0]
+                self.assertLess(ready - ag.started_at, 2.0)
+                minutes.add(time.strftime("%H:%M"))
+                bodies = ['{"trouble":"%s","n":%d}' % (cause, i) for i in range(3)]
+                self.app.wait_connected(10, count=n + 1)
+                mark = self.app.mark()
+                for body in bodies:
+                    self.app.send(7, body)
+                self.app.wait_notice("back", since=mark, count=3, timeout=4)
+                status = lambda: [m for _, m in ag.notices if m.startswith("STATUS=")][-1:]
+                self.wait_until(lambda: any("database: cannot store since %s (%s)" % (t, cause) in status()[0]
+                                            for t in minutes), 3, "the trouble in the status line")
+                time.sleep(1)
+                self.assertEqual(ag.log_text().count("savefail:(database: cannot store since"), 1)
+                cure()
+                cured = time.monotonic()
+                self.wait_until(lambda: set(map(self.stats_text, bodies)) <= set(self.stored()), 5, "stored")
+                self.assertLess(time.monotonic() - cured, 5)
+                self.wait_until(lambda: "database:" not in status()[0], 3, "the status line cleared")
+                ag.stop()
+                ag.assert_quiet()
+
+    def test_a_backlog_costs_no_memory_and_the_disk_only_its_budget(self):
+        """200 000 requests kept from an outage cost the agent no memory beyond an
+        idle one's; past a 1 MiB budget the oldest go, counted, said once, while
+        every message is still acknowledged at once."""
+        self.srv, self.app = self.server_sim(), self.app_sim()
+        self.srv.silent()
+        self.info_port = self.srv.info_port
+        anon = []
+        for n, rows in enumerate([0, 200000]):
+            self.db = self.make_db("mem%d.db" % n, info_port=self.info_port, file_port=self.srv.file_port)
+            for first in range(0, rows, 20000):
+                seed_failhistory(self.db, [self.stats_text('{"backlog":%d}' % i) for i in range(first, first + 20000)])
+            ag = self.agent(db=self.db, notify=True).start()
+            self.wait_until(lambda: any("READY=1" in m for _, m in ag.notices), 5, "READY=1")
+            time.sleep(2)
+            with open("/proc/%d/status" % ag.proc.pid) as f, open("/proc/%d/maps" % ag.proc.pid) as maps:
+                anon.append(int(re.search(r"RssAnon:\s+(\d+)", f.read()).group(1)))
+                sanitized = "libasan" in maps.read()     # its quarantine keeps what was freed
+            self.assertIn("queued %d" % (rows + 1), [m for _, m in ag.notices if m.startswith("STATUS=")][-1])
+            ag.stop()
+        if not sanitized:
+            self.assertLess(anon[1] - anon[0], 8 * 1024, "KiB of private memory beyond an idle agent's")
+        self.db = self.make_db(info_port=self.info_port, file_port=self.srv.file_port,
+                               overrides={"queue_limit_mb": "1"})
+        ag = self.agent(db=self.db, notify=True).start()
+        self.app.wait_connected(10, count=3)
+        bodies = ['{"budget":%d,"pad":"%s"}' % (i, "x" * 1000) for i in range(1200)]
+        for body in bodies:     # never the 2 s bound of a store that is held up (speed is the benchmark's)
+            self.assertLess(self.send_and_ack(7, body), 1.5)
+        self.assertLess(os.path.getsize(self.db), 1.1 * 1024 * 1024)
+        kept = [b for b in bodies if self.stats_text(b) in set(self.stored())]
+        self.assertEqual(kept, bodies[-len(kept):], "the newest are kept")
+        self.assertGreater(len(kept), 500)
+        dropped = len(bodies) - len(kept)
+        self.wait_until(lambda: any("dropped %s oldest since start" % format(dropped, ",").replace(",", " ") in m
+                                    for _, m in ag.notices), 3, "the count in the status line")
+        self.assertEqual(len(re.findall(r"E\d{8} .*savefail:\(the queue is over its budget", ag.log_text())), 1)
+        ag.stop()
+        ag.assert_quiet()
 
     def test_orderly_stop_with_a_silent_server_and_while_connecting(self):
         srv, app, ag = self.start_all()

@@ -7,8 +7,10 @@ once. The tests run side by side."""
 import datetime
 import hashlib
 import os
+import re
 import shutil
 import subprocess
+import threading
 import time
 import unittest
 
@@ -198,8 +200,23 @@ class Images(AgentTestCase):
             with open(archive, "rb") as f:
                 made[name] = (archive, member, hashlib.sha256(f.read()).hexdigest())
         new = {item: self.write(item, prefix="new", age=AGED) for item in (ALARM, TEMPLATE)}
-        srv, app, ag = self.start_all()
+        for n in range(100):
+            make_archive(os.path.join(self.workdir(ALARM), "Tar_20260101000000000_%d.tar.gz" % n),
+                         [("./alarmimage/camera1/detect1/NG/many%d.bmp" % n, os.urandom(100))], mtime=time.time() - 60)
+        emptied = []        # when the last leftover left the working directory
+
+        def watch():
+            while self.archives_in(self.workdir(ALARM)):
+                time.sleep(0.005)
+            emptied.append(time.time())
+        threading.Thread(target=watch, daemon=True).start()
+        srv, app, ag = self.start_all(wait_login=False)
+        # Uploads begin while the leftovers are still being taken, one at a time.
+        first = self.wait_until(lambda: srv.requests(port="file"), 10, "the first upload")[0]["time"]
+        self.assertLess(first, self.wait_until(lambda: emptied, 30, "leftovers taken")[0])
         self.wait_until(lambda: {made[r[0]][1] for r in rows if r[4]} <= set(self.accepted()), 30, "kept archives")
+        many = ["./alarmimage/camera1/detect1/NG/many%d.bmp" % n for n in range(100)]
+        self.wait_until(lambda: set(many) <= set(self.accepted()), 30, "the hundred leftovers")
         self.settle_and_check(new[ALARM] + new[TEMPLATE], (ALARM, TEMPLATE))
         uploads = list(zip(self.sent_archive_paths(), srv.archives()))
         order = [names(r)[0] for _, r in uploads]
@@ -236,6 +253,43 @@ class Images(AgentTestCase):
         self.restart_linked()
         self.wait_uploaded(images, timeout=40)
         self.settle_and_check(images)
+
+    def test_unreadable_and_undecodable_images_and_the_syncs_before_the_time_files(self):
+        """Run as the unit runs it (no capabilities: a mode-000 image cannot be read):
+        the unreadable image is left out and said once, the images beside it go once
+        and the mark moves on; a name that is not UTF-8 goes like any other; an
+        archive and its directory entry are on disk before the time files name its images."""
+        good = self.write(ALARM, count=3, prefix="good", age=AGED) + self.write(
+            ALARM, names=[os.fsdecode(b"not_utf8_\xff\xfe.bmp")], age=AGED)
+        bad = self.write(ALARM, names=["unreadable.bmp"], age=AGED)
+        os.chmod(bad[0], 0)
+        srv, app, ag = self.start_all(agent_kw={"prefix": ["setpriv", "--bounding-set=-all", "--inh-caps=-all"]})
+        self.wait_uploaded(good)
+        ag.wait_log(r"pack:5\(image left out, not readable: .*/unreadable\.bmp: Permission denied\)")
+        trace = self.path("syscalls")
+        strace = subprocess.Popen(["strace", "-f", "-y", "-o", trace, "-e", "trace=fsync,fdatasync,rename,renameat2",
+                                   "-p", str(ag.proc.pid)], stderr=subprocess.PIPE, universal_newlines=True)
+        self.assertIn("attached", strace.stderr.readline())
+        later = [p for n in range(3) for p in self.write(ALARM, camera=2, prefix="later%d" % n)
+                 if self.look(ALARM, [p])]
+        strace.terminate()
+        strace.communicate()
+        self.assertGreater(self.time_file(), mtime_ms(bad[0]))
+        self.assertEqual((ag.log_text().count("not readable"), ag.log_text().count("tar failed")), (1, 0))
+        self.assertNotIn(self.member(bad[0]), self.uploaded())
+        # fsync of the archive, its rename, fsync of the directory, then the time files.
+        with open(trace) as f:
+            calls = [re.sub(r"^\d+ +", "", l) for l in f if "= 0" in l]
+        work = self.workdir(ALARM)
+        steps = [next((i for i, c in enumerate(calls) if re.match(p, c)), -1) for p in (
+            r"fsync\(\d+<%s/Tar_\d+_0\.tar\.gz\.part>" % work, r"rename.*Tar_\d+_0\.tar\.gz\.part", r"fsync\(\d+<%s>" % work,
+            r"fdatasync\(\d+<%s/" % work)]
+        self.assertEqual((sorted(steps), min(steps) >= 0), (steps, True), "\n".join(calls))
+        # Readable again with a new time: packed at the next look.
+        os.chmod(bad[0], 0o644)
+        os.utime(bad[0])
+        self.look(ALARM, bad)
+        self.settle_and_check(good + bad + later)
 
     def test_awkward_names_and_work_while_tar_runs(self):
         awkward = self.write(ALARM, awkward=True, age=AGED) + self.write(TEMPLATE, awkward=True, age=AGED)
@@ -295,12 +349,13 @@ class Images(AgentTestCase):
         self.assertEqual(sorted(len(r["archive"]) for r in srv.archives()), [1, 10, 10])
         self.assert_clean()
 
-    def test_a_failed_tar_and_an_answer_during_a_long_tar(self):
+    def test_a_failed_tar_the_free_space_floor_and_an_answer_during_a_long_tar(self):
         work = self.workdir(ALARM)
         os.makedirs(work)
-        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k", "qel-full", work], check=True)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1g", "qel-full", work], check=True)
         self._mounts.append(work)
         srv, app, ag = self.start_all()
+        subprocess.run(["mount", "-o", "remount,ro", work], check=True)     # as after a disk error
         full = self.write(ALARM, count=5, size=100 * 1024, prefix="full")
         time.sleep(SETTLE)
         app.send(ALARM, "")
@@ -308,11 +363,11 @@ class Images(AgentTestCase):
         time.sleep(1)
         self.assertEqual(srv.requests(port="file"), [])
         self.assertFalse([n for n in os.listdir(work) if "Tar_" in n], "a partial archive was left")
-        subprocess.run(["mount", "-o", "remount,size=64m", work], check=True)
-        # The first archive's answer comes while the next look's tar runs: the time file never goes back.
+        # Writable again: packed by the agent's own look within 5 s. Its answer comes
+        # while the next look's tar runs: the time file never goes back.
         srv.hold(port="file")
-        app.send(ALARM, "")
-        srv.wait_request(port="file")
+        subprocess.run(["mount", "-o", "remount,rw", work], check=True)
+        srv.wait_request(port="file", timeout=5)
         second = self.write(ALARM, camera=2, count=300, size=100 * 1024, prefix="second")
         time.sleep(SETTLE)
         app.send(ALARM, "")
@@ -326,7 +381,20 @@ class Images(AgentTestCase):
         time.sleep(1.0)
         srv.normal(port="file")
         self.wait_uploaded(full + second + fence, timeout=60)
-        self.settle_and_check(full + second + fence)
+        # Below the floor (5 % or 512 MiB free) a look waits, said once, and goes once there is room.
+        with open(os.path.join(work, "filler"), "wb") as f:
+            os.posix_fallocate(f.fileno(), 0, os.statvfs(work).f_bavail * os.statvfs(work).f_frsize - (100 << 20))
+        floor = self.write(ALARM, camera=4, count=3, prefix="floor")
+        for _ in range(2):
+            time.sleep(SETTLE)
+            app.send(ALARM, "")
+        ag.wait_log(r"pack:5\(look postponed: 3 images, \d+ KiB, would leave less than 5 % or 512 MiB free")
+        time.sleep(1)
+        self.assertEqual(ag.log_text().count("look postponed"), 1)
+        self.assertFalse(set(map(self.member, floor)) & set(self.uploaded()))
+        os.remove(os.path.join(work, "filler"))
+        self.wait_uploaded(floor, timeout=5)
+        self.settle_and_check(full + second + fence + floor)
 
     def test_no_image_goes_twice_across_restarts(self):
         srv, app, ag = self.start_all()

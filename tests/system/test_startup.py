@@ -61,8 +61,8 @@ class Startup(AgentTestCase):
         self.assert_banner_then(agent, "config success")
         self.assertEqual(os.path.realpath(agent.log_dirs()[0]), DEFAULT_TREE + "/qel_net/qel_log")
         self.assertEqual(read_sysconf(self.path("run", "sysconf.db")), DEFAULT_KEYS)
-        self.assertEqual(query(self.path("run", "sysconf.db"), "select name from sqlite_master where type='table'"
-                               " order by name"), [("info_failhistory",), ("info_sysconf",)])
+        self.wait_until(lambda: query(self.path("run", "sysconf.db"), "select name from sqlite_master where type="
+                                      "'table' order by name") == [("info_failhistory",), ("info_sysconf",)], 5, "tables")
         self.assertLessEqual({"qel_fail", "data"}, set(os.listdir(DEFAULT_TREE + "/qel_net")))
         self.finish(agent, 3)
 

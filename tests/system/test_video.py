@@ -5,6 +5,7 @@ side by side; the one over minutes only where QEL_LONG_TESTS=1 (one tree of CI).
 
 import json
 import os
+import re
 import signal
 import time
 import unittest
@@ -44,7 +45,7 @@ class Video(AgentTestCase):
         # Orderly stop with every push running, one camera's semaphore held by the application.
         cams[0].pause()
         with cams[0].buffer.locked():
-            conn = self.sink.connections()[-1]["conn"]
+            conn = [c for c in self.sink.connections() if c["path"] == "/live/cam4"][-1]["conn"]
             before = self.sink.bytes_received(conn)
             time.sleep(3)
             self.assertGreater(self.sink.bytes_received(conn), before + 5000, "the other camera goes on")
@@ -116,7 +117,9 @@ class Video(AgentTestCase):
         newest = decoded_frames(path)[-1]["pts"]
         self.assertLess(((int(time.time() * 90000) - newest) % (1 << 33)) / 90000.0, 1.0, "lag after catching up")
         self.assertEqual(decode_errors(path), "")
-        self.ag.wait_log(r"video:\(camera 1 congested: frames are dropped before encoding\)", timeout=1)
+        # Said once, with a count, however often it dropped and caught up within the minute.
+        said = re.findall(r"video:\(camera 1 (?:congested|caught up): \d+ frames dropped", self.ag.log_text())
+        self.assertEqual(said, ["video:(camera 1 congested: 1 frames dropped"])
         self.assert_clean()
 
     @unittest.skipUnless(os.environ.get("QEL_LONG_TESTS") == "1", "long scenario (QEL_LONG_TESTS=1)")

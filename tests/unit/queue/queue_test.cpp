@@ -185,9 +185,9 @@ TEST_F(FailStore, StartUpKeepsRowsAndCollapsesDuplicates)
     store.start();
     std::atomic<bool> loaded{false};
     QList<QEL_QueuedRequest> kept;
-    store.loadKept(typeOfText, [&](const QList<QEL_QueuedRequest>& k) {
+    store.loadKept(typeOfText, 64, [&](const QList<QEL_QueuedRequest>& k, qint64 spilled) {
         kept = k;
-        loaded = true;
+        loaded = spilled == 0;
     });
     for (int i = 0; i < 1000 && !loaded; ++i)
         QThread::msleep(10);
@@ -213,6 +213,64 @@ TEST_F(FailStore, ALockedDatabaseDelaysButLosesNothing)
     ASSERT_TRUE(QSqlQuery(db).exec("COMMIT"));
     ASSERT_TRUE(store.flush(5000));
     EXPECT_EQ(rows(), QStringList({"7:lock"}));
+}
+
+// Beyond its window the queue lives in the table alone and comes back in
+// order as the head end drains, each request once (rows kept twice, near or
+// far apart, collapse); the oldest can be dropped, never the one being sent.
+TEST_F(FailStore, ABacklogBeyondTheWindowComesBackInOrderAndTheOldestCanBeDropped)
+{
+    QStringList old, fresh, want;
+    for (int i = 0; i < 10; ++i) {
+        old << QString("7:old%1").arg(i);
+        fresh << QString("7:new%1").arg(i);
+    }
+    for (const QString& text : old + QStringList{"7:old1", "7:old8", "7:old8"}) {
+        QSqlQuery q(db);
+        q.prepare("insert into info_failhistory values (1700000000000, ?)");
+        q.addBindValue(text);
+        ASSERT_TRUE(q.exec());
+    }
+    QEL_FailStore store(path);
+    QEL_SendQueue queue(typeOfText, &store);
+    queue.setWindow(4);
+    store.setBudget(QEL_FailStore::kDefaultLimitBytes, {}, [&](int n) { queue.forgetSpilled(n); });
+    store.start();
+    std::atomic<bool> loaded{false};
+    store.loadKept(typeOfText, 4, [&](const QList<QEL_QueuedRequest>& kept, qint64 spilled) {
+        queue.appendKept(kept, spilled);
+        loaded = true;
+    });
+    for (int i = 0; i < 1000 && !loaded; ++i)
+        QThread::msleep(5);
+    queue.append(fresh.mid(0, 5));
+    EXPECT_EQ(queue.texts(), old.mid(0, 4));
+    QStringList sent;
+    QEL_QueuedRequest head;
+    for (int spin = 0; spin < 2000 && sent.size() < 17; ++spin) {
+        if (!queue.take(head)) {
+            QThread::msleep(2);     // spilled ones on their way back
+            continue;
+        }
+        ASSERT_TRUE(queue.beginSend(head.id));
+        if (head.text == "7:old5") {
+            EXPECT_EQ(queue.dropOldest(3), 3);
+        }
+        ASSERT_TRUE(queue.acknowledge(7));
+        sent << head.text;
+        if (sent.size() == 2)
+            queue.append(fresh.mid(5));     // room in memory, older ones still in the table
+    }
+    // In order, each once; three in a row after the one in flight went (those
+    // on their way back from the table are not the oldest left to drop).
+    const QStringList all = old + fresh;
+    int from = 6;
+    while (from < sent.size() && sent.at(from) == all.at(from))
+        ++from;
+    EXPECT_EQ(sent, all.mid(0, from) + all.mid(from + 3));
+    EXPECT_TRUE(queue.isEmpty()) << queue.size();
+    ASSERT_TRUE(store.flush(5000));
+    EXPECT_EQ(rows(), QStringList());
 }
 
 }  // namespace

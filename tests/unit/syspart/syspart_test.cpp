@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "ImagePacking.h"
 #include "MemoryInfo.h"
 #include "RunStateProbe.h"
 
@@ -90,6 +91,28 @@ TEST(ParseTopOutput, CpuAndMemory)
         const RunStateSample s = parseTopOutput(QString::fromUtf8(c.text));
         EXPECT_EQ(std::make_pair(s.cpu, s.memory), std::make_pair(c.cpu, c.memory)) << c.name;
     }
+}
+
+// Image names are bytes: whatever the application wrote comes back byte for
+// byte; valid UTF-8 reads as the text it is.
+TEST(FileNames, AnyBytesRoundTrip)
+{
+    const struct { const char* name; QByteArray bytes; bool utf8; } cases[] = {
+        {"ASCII", "camera1/img_1.bmp", true},
+        {"UTF-8, three and four bytes", "\xe7\x94\xb2\xf0\x9f\x98\x80.bmp", true},
+        {"Latin-1", "caf\xe9.bmp", false},
+        {"cut short at the end", "a\xe7\x94", false},
+        {"overlong slash", "\xc0\xaf", false},
+        {"an encoded surrogate", "\xed\xb2\x80", false},
+        {"above U+10FFFF", "\xf4\x90\x80\x80", false},
+        {"every byte", [] { QByteArray all; for (int b = 1; b < 256; ++b) all += char(b); return all; }(), false},
+    };
+    for (const auto& c : cases) {
+        const QString name = decodeFileName(c.bytes);
+        EXPECT_EQ(encodeFileName(name), c.bytes) << c.name;
+        EXPECT_EQ(name == QString::fromUtf8(c.bytes), c.utf8) << c.name;
+    }
+    EXPECT_NE(decodeFileName("\xff"), decodeFileName("\xfe"));
 }
 
 }  // namespace
