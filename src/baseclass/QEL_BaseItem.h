@@ -71,9 +71,9 @@ protected:
     // Builds the request for an application text on a fresh builder, leaving
     // the item's own builder (and the request it holds) untouched.
     template <class Builder>
-    static RetError pickInfoOnOwnBuilder(const QString& info, QString& out)
+    RetError pickInfoOnOwnBuilder(const QString& info, QString& out) const
     {
-        Builder builder;
+        Builder builder(static_cast<const Builder*>(http)->peers());
         builder.repaceBuff(info);
         out = builder.getHttp();
         return RET_OK;

@@ -1,8 +1,5 @@
 #include "CHttpEndpoints.h"
 
-#include "QEL_SQLConf.h"
-#include "globals.h"
-
 #include <QDateTime>
 
 namespace {
@@ -46,101 +43,91 @@ const Endpoint kStatistics2{18, "POST", "/vmu/device/detect_result", kJson, "INF
 const Endpoint kRunState{19, "POST", "/vmu/device/runstate", kJson, "INFO", Server::Info};
 const Endpoint kDetectCancle{20, "POST", "/vmu/device/detect_terminate", kJson, "INFO", Server::Info};
 
-QString deviceId()
+QString endpointHead(const HttpPeers& peers, const Endpoint& e, qint64 contentLength)
 {
-    return gConfig != nullptr ? gConfig->useInlineName : QString();
-}
-
-QString hostLine(Server server)
-{
-    if (gConfig == nullptr)
-        return QStringLiteral("Host: :\r\n");
-    const bool info = server == Server::Info;
-    return QStringLiteral("Host: %1:%2\r\n")
-        .arg(info ? gConfig->serverip_info : gConfig->serverip_file,
-             info ? gConfig->serverport_info : gConfig->serverport_file);
-}
-
-QString endpointHead(const Endpoint& e, qint64 contentLength)
-{
-    const QString path = QString::fromLatin1(e.path).replace(QLatin1String("%1"), deviceId());
+    const QString path = QString::fromLatin1(e.path).replace(QLatin1String("%1"), peers.deviceId);
+    const bool info = e.host == Server::Info;
     return CHttpBase::startHead(e.method, path, e.contentType, e.sessionId, e.userAgent, contentLength)
-         + hostLine(e.host) + QLatin1String("\r\n");
+         + QStringLiteral("Host: %1:%2\r\n\r\n")
+               .arg(info ? peers.infoHost : peers.fileHost, info ? peers.infoPort : peers.filePort);
 }
 
 }  // namespace
 
-CHttp_Record::CHttp_Record()
+CHttp_Record::CHttp_Record(const HttpPeers& peers)
+    : CHttpEndpoint(peers)
 {
     body = QStringLiteral("device_id=%1&operater=%2&utc=%3&description=%4")
-               .arg(deviceId(), QString::fromUtf8("未登录"),
+               .arg(peers_.deviceId, QString::fromUtf8("未登录"),
                     QString::number(QDateTime::currentMSecsSinceEpoch()),
                     QString::fromUtf8("程序启动，相机数1"));
     reloadbase();
 }
 
-void CHttp_Record::reloadbase() { head = endpointHead(kRecord, bodyLength()); }
+void CHttp_Record::reloadbase() { head = endpointHead(peers_, kRecord, bodyLength()); }
 
-CHttp_Param::CHttp_Param() { reloadbase(); }
-void CHttp_Param::reloadbase() { head = endpointHead(kParam, bodyLength()); }
+CHttp_Param::CHttp_Param(const HttpPeers& peers) : CHttpEndpoint(peers) { reloadbase(); }
+void CHttp_Param::reloadbase() { head = endpointHead(peers_, kParam, bodyLength()); }
 
-CHttp_Load::CHttp_Load()
+CHttp_Load::CHttp_Load(const HttpPeers& peers)
+    : CHttpEndpoint(peers)
 {
-    body = QStringLiteral("device_id=%1").arg(deviceId());
+    body = QStringLiteral("device_id=%1").arg(peers_.deviceId);
     reloadbase();
 }
 
-void CHttp_Load::reloadbase() { head = endpointHead(kLoad, bodyLength()); }
+void CHttp_Load::reloadbase() { head = endpointHead(peers_, kLoad, bodyLength()); }
 
-CHttp_Heart::CHttp_Heart()
+CHttp_Heart::CHttp_Heart(const HttpPeers& peers)
+    : CHttpEndpoint(peers)
 {
-    body = QStringLiteral("device_id=%1").arg(deviceId());
+    body = QStringLiteral("device_id=%1").arg(peers_.deviceId);
     reloadbase();
 }
 
-void CHttp_Heart::reloadbase() { head = endpointHead(kHeart, bodyLength()); }
+void CHttp_Heart::reloadbase() { head = endpointHead(peers_, kHeart, bodyLength()); }
 
-CHttp_Alarmimage::CHttp_Alarmimage() { reloadbase(); }
-void CHttp_Alarmimage::reloadbase() { head = endpointHead(kAlarmimage, fileLength_); }
+CHttp_Alarmimage::CHttp_Alarmimage(const HttpPeers& peers) : CHttpEndpoint(peers) { reloadbase(); }
+void CHttp_Alarmimage::reloadbase() { head = endpointHead(peers_, kAlarmimage, fileLength_); }
 void CHttp_Alarmimage::filelength(int length) { fileLength_ = length; }
 
-CHttp_TempImage::CHttp_TempImage() { reloadbase(); }
-void CHttp_TempImage::reloadbase() { head = endpointHead(kTempImage, fileLength_); }
+CHttp_TempImage::CHttp_TempImage(const HttpPeers& peers) : CHttp_Alarmimage(peers) { reloadbase(); }
+void CHttp_TempImage::reloadbase() { head = endpointHead(peers_, kTempImage, fileLength_); }
 
-CHttp_Statistics::CHttp_Statistics() { reloadbase(); }
-void CHttp_Statistics::reloadbase() { head = endpointHead(kStatistics, bodyLength()); }
+CHttp_Statistics::CHttp_Statistics(const HttpPeers& peers) : CHttpEndpoint(peers) { reloadbase(); }
+void CHttp_Statistics::reloadbase() { head = endpointHead(peers_, kStatistics, bodyLength()); }
 
-CHttp_ROI::CHttp_ROI() { reloadbase(); }
-void CHttp_ROI::reloadbase() { head = endpointHead(kROI, bodyLength()); }
+CHttp_ROI::CHttp_ROI(const HttpPeers& peers) : CHttpEndpoint(peers) { reloadbase(); }
+void CHttp_ROI::reloadbase() { head = endpointHead(peers_, kROI, bodyLength()); }
 
-CHttp_ManualStop::CHttp_ManualStop() { reloadbase(); }
-void CHttp_ManualStop::reloadbase() { head = endpointHead(kManualStop, bodyLength()); }
+CHttp_ManualStop::CHttp_ManualStop(const HttpPeers& peers) : CHttpEndpoint(peers) { reloadbase(); }
+void CHttp_ManualStop::reloadbase() { head = endpointHead(peers_, kManualStop, bodyLength()); }
 
-CHttp_DelTemp::CHttp_DelTemp() { reloadbase(); }
-void CHttp_DelTemp::reloadbase() { head = endpointHead(kDelTemp, bodyLength()); }
+CHttp_DelTemp::CHttp_DelTemp(const HttpPeers& peers) : CHttpEndpoint(peers) { reloadbase(); }
+void CHttp_DelTemp::reloadbase() { head = endpointHead(peers_, kDelTemp, bodyLength()); }
 
-CHttp_AddRemind::CHttp_AddRemind() { reloadbase(); }
-void CHttp_AddRemind::reloadbase() { head = endpointHead(kAddRemind, bodyLength()); }
+CHttp_AddRemind::CHttp_AddRemind(const HttpPeers& peers) : CHttpEndpoint(peers) { reloadbase(); }
+void CHttp_AddRemind::reloadbase() { head = endpointHead(peers_, kAddRemind, bodyLength()); }
 
-CHttp_DelRemind::CHttp_DelRemind() { reloadbase(); }
-void CHttp_DelRemind::reloadbase() { head = endpointHead(kDelRemind, bodyLength()); }
+CHttp_DelRemind::CHttp_DelRemind(const HttpPeers& peers) : CHttpEndpoint(peers) { reloadbase(); }
+void CHttp_DelRemind::reloadbase() { head = endpointHead(peers_, kDelRemind, bodyLength()); }
 
-CHttp_GetProductInfo::CHttp_GetProductInfo() { reloadbase(); }
-void CHttp_GetProductInfo::reloadbase() { head = endpointHead(kGetProductInfo, bodyLength()); }
+CHttp_GetProductInfo::CHttp_GetProductInfo(const HttpPeers& peers) : CHttpEndpoint(peers) { reloadbase(); }
+void CHttp_GetProductInfo::reloadbase() { head = endpointHead(peers_, kGetProductInfo, bodyLength()); }
 
-CHttp_SaveNgVideo::CHttp_SaveNgVideo() { reloadbase(); }
-void CHttp_SaveNgVideo::reloadbase() { head = endpointHead(kSaveNgVideo, bodyLength()); }
+CHttp_SaveNgVideo::CHttp_SaveNgVideo(const HttpPeers& peers) : CHttpEndpoint(peers) { reloadbase(); }
+void CHttp_SaveNgVideo::reloadbase() { head = endpointHead(peers_, kSaveNgVideo, bodyLength()); }
 
-CHttp_TelInfo::CHttp_TelInfo() { reloadbase(); }
-void CHttp_TelInfo::reloadbase() { head = endpointHead(kTelInfo, bodyLength()); }
+CHttp_TelInfo::CHttp_TelInfo(const HttpPeers& peers) : CHttpEndpoint(peers) { reloadbase(); }
+void CHttp_TelInfo::reloadbase() { head = endpointHead(peers_, kTelInfo, bodyLength()); }
 
-cHttp_GetRemind::cHttp_GetRemind() { reloadbase(); }
-void cHttp_GetRemind::reloadbase() { head = endpointHead(kGetRemind, bodyLength()); }
+cHttp_GetRemind::cHttp_GetRemind(const HttpPeers& peers) : CHttpEndpoint(peers) { reloadbase(); }
+void cHttp_GetRemind::reloadbase() { head = endpointHead(peers_, kGetRemind, bodyLength()); }
 
-CHttp_Statistics2::CHttp_Statistics2() { reloadbase(); }
-void CHttp_Statistics2::reloadbase() { head = endpointHead(kStatistics2, bodyLength()); }
+CHttp_Statistics2::CHttp_Statistics2(const HttpPeers& peers) : CHttpEndpoint(peers) { reloadbase(); }
+void CHttp_Statistics2::reloadbase() { head = endpointHead(peers_, kStatistics2, bodyLength()); }
 
-CHttp_RunState::CHttp_RunState() { reloadbase(); }
-void CHttp_RunState::reloadbase() { head = endpointHead(kRunState, bodyLength()); }
+CHttp_RunState::CHttp_RunState(const HttpPeers& peers) : CHttpEndpoint(peers) { reloadbase(); }
+void CHttp_RunState::reloadbase() { head = endpointHead(peers_, kRunState, bodyLength()); }
 
-void CHttp_DetectCancle::reloadbase() { head = endpointHead(kDetectCancle, bodyLength()); }
+void CHttp_DetectCancle::reloadbase() { head = endpointHead(peers_, kDetectCancle, bodyLength()); }

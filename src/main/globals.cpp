@@ -1,5 +1,4 @@
 #include "globals.h"
 
-QEL_SQLConf* gConfig = nullptr;
 GLog* gGlog = nullptr;
 NetWorkConsole* gConsole = nullptr;

@@ -2,4 +2,5 @@
 
 // Creates the log, failure and temporary-data directories named by the
 // configuration; a failure is logged and start-up goes on.
-void chkDirComplete();
+struct QEL_Settings;
+void chkDirComplete(const QEL_Settings& conf);

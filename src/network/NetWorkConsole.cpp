@@ -23,38 +23,38 @@
 #include "QEL_SimpleItems.h"
 #include "QEL_SocketInline.h"
 #include "ThreadCheck.h"
-#include "globals.h"
 
-NetWorkConsole::NetWorkConsole(QObject* parent, const QString& dbPath)
+NetWorkConsole::NetWorkConsole(QObject* parent, const QEL_Settings& conf, const QString& dbPath)
     : QObject(parent)
 {
     setItemHost(this);
 
+    const HttpPeers peers = conf.httpPeers();
     items[0] = new QEL_ItemNone(this);
-    items[1] = new QEL_ItemOperaRecord(this);
-    items[2] = new QEL_ItemParamter(this);
-    items[3] = new QEL_ItemLoad(this);
-    items[4] = new QEL_ItemHeartBeat(this);
-    items[5] = new QEL_ItemAlarmImage(this);
-    items[6] = new QEL_ItemTemplate(this);
-    items[7] = new QEL_ItemStatistics(this);
-    items[8] = new QEL_ItemROI(this);
-    items[9] = new QEL_ItemVideo(this);
-    items[10] = new QEL_ItemManualStop(this);
-    items[11] = new QEL_ItemDelTemp(this);
-    items[12] = new QEL_ItemAddRemind(this);
-    items[13] = new QEL_ItemDelRemind(this);
-    items[14] = new QEL_ItemGetProductInfo(this);
-    items[15] = new QEL_ItemSaveNgVideo(this);
-    items[16] = new QEL_ItemTelInfo(this);
-    items[17] = new QEL_ItemGetRemind(this);
-    items[18] = new QEL_ItemStatistics2(this);
-    items[19] = new QEL_ItemRunState(this);
-    items[20] = new QEL_ItemDetectCancle(this);
+    items[1] = new QEL_ItemOperaRecord(this, peers);
+    items[2] = new QEL_ItemParamter(this, peers);
+    items[3] = new QEL_ItemLoad(this, peers);
+    items[4] = new QEL_ItemHeartBeat(this, peers);
+    items[5] = new QEL_ItemAlarmImage(this, conf);
+    items[6] = new QEL_ItemTemplate(this, conf);
+    items[7] = new QEL_ItemStatistics(this, peers);
+    items[8] = new QEL_ItemROI(this, peers);
+    items[9] = new QEL_ItemVideo(this, conf);
+    items[10] = new QEL_ItemManualStop(this, peers);
+    items[11] = new QEL_ItemDelTemp(this, peers);
+    items[12] = new QEL_ItemAddRemind(this, peers);
+    items[13] = new QEL_ItemDelRemind(this, peers);
+    items[14] = new QEL_ItemGetProductInfo(this, peers);
+    items[15] = new QEL_ItemSaveNgVideo(this, peers);
+    items[16] = new QEL_ItemTelInfo(this, peers);
+    items[17] = new QEL_ItemGetRemind(this, peers);
+    items[18] = new QEL_ItemStatistics2(this, peers);
+    items[19] = new QEL_ItemRunState(this, peers);
+    items[20] = new QEL_ItemDetectCancle(this, peers);
 
     socketInline = new QEL_SocketInline(parent);
-    socketFile = new QEL_SocketFile(parent, gConfig->serverip_file, gConfig->serverport_file);
-    socketInfo = new QEL_SocketInfo(parent, gConfig->serverip_info, gConfig->serverport_info);
+    socketFile = new QEL_SocketFile(parent, conf.serverip_file, conf.serverport_file);
+    socketInfo = new QEL_SocketInfo(parent, conf.serverip_info, conf.serverport_info);
     wireServerSocket(socketFile);
     wireServerSocket(socketInfo);
 
@@ -75,7 +75,7 @@ NetWorkConsole::NetWorkConsole(QObject* parent, const QString& dbPath)
     threadInfo->queue.setOnFetched(
         [this] { QMetaObject::invokeMethod(this, [this] { threadInfo->startSend(); }, Qt::QueuedConnection); });
     failStore->setBudget(
-        queueLimitBytes(),
+        queueLimitBytes(conf.queue_limit_mb),
         [this](int count, qint64* oldestMs, qint64* newestMs) {
             return threadInfo->queue.dropOldest(count, oldestMs, newestMs);
         },
@@ -163,15 +163,13 @@ void NetWorkConsole::FirstInit()
         item->Item_Init();
 }
 
-qint64 NetWorkConsole::queueLimitBytes()
+qint64 NetWorkConsole::queueLimitBytes(const QString& text)
 {
     // Optional: absent or empty means the default; anything else unusable is said once.
-    const QString text = gConfig->queue_limit_mb.trimmed();
-    bool ok = false;
-    const qint64 mb = text.toLongLong(&ok, 10);
-    if (text.isEmpty() || (ok && mb > 0 && mb <= (1LL << 30)))
-        return text.isEmpty() ? QEL_FailStore::kDefaultLimitBytes : mb << 20;
-    LOG(INFO) << "config:" << "(queue_limit_mb \"" << text.toUtf8().constData() << "\" is not a number of MiB above 0;"
+    const qint64 mb = QEL_SQLConf::queueLimitMb(text);
+    if (mb >= 0)
+        return mb == 0 ? QEL_FailStore::kDefaultLimitBytes : mb << 20;
+    LOG(INFO) << "config:" << "(queue_limit_mb \"" << text.trimmed().toUtf8().constData() << "\" is not a number of MiB above 0;"
               << " the default " << (QEL_FailStore::kDefaultLimitBytes >> 20) << " is used)";
     return QEL_FailStore::kDefaultLimitBytes;
 }

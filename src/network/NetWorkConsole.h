@@ -6,6 +6,7 @@
 #include <atomic>
 #include <functional>
 
+#include "QEL_Settings.h"
 #include "JobRunner.h"
 #include "ShellCommand.h"
 #include "QEL_Inotify.h"
@@ -31,8 +32,9 @@ public:
     // INFO requests held in memory; the rest wait in the failure history alone.
     static const int kInfoWindow = 64;
 
-    // `dbPath`: the configuration database, which also holds the failure history.
-    NetWorkConsole(QObject* parent, const QString& dbPath);
+    // `conf`: the configuration, handed on to the items and sockets as they
+    // are made; `dbPath`: its database, which also holds the failure history.
+    NetWorkConsole(QObject* parent, const QEL_Settings& conf, const QString& dbPath);
     ~NetWorkConsole() override;
 
     void FirstInit();
@@ -94,7 +96,7 @@ private:
     void takeApplicationMessage(int type, const QString& body, const std::function<void()>& handled);
     void queueKept(const QList<struct QEL_QueuedRequest>& kept, qint64 spilled);
     // The failure history's budget from `queue_limit_mb` (default 1024 MiB).
-    static qint64 queueLimitBytes();
+    static qint64 queueLimitBytes(const QString& text);
 
     JobRunner imagePacker_;                 // listing, tar, mv and rm of the image items, in order
     ShellCommand packerShell_;              // the image packer's commands (a running tar ends at the stop)

@@ -17,8 +17,6 @@
 #include "QEL_ItemHost.h"
 #include "QEL_BaseSocket.h"
 #include "QEL_BaseThread.h"
-#include "QEL_SQLConf.h"
-#include "globals.h"
 #include "oxa_dir.h"
 
 namespace {
@@ -53,21 +51,22 @@ void writeAtomically(const QString& path, const QByteArray& content)
 }
 }  // namespace
 
-QEL_ItemAlarmImage::QEL_ItemAlarmImage(QObject* parent)
-    : QEL_ItemAlarmImage(parent, 5, "qel_alarmimage/", new CHttp_Alarmimage, 10)
+QEL_ItemAlarmImage::QEL_ItemAlarmImage(QObject* parent, const QEL_Settings& conf)
+    : QEL_ItemAlarmImage(parent, conf, 5, "qel_alarmimage/", new CHttp_Alarmimage(conf.httpPeers()), 10)
 {
 }
 
-QEL_ItemAlarmImage::QEL_ItemAlarmImage(QObject* parent, int type, const QString& subDir, CHttpBase* builder,
-                                       int perArchive)
+QEL_ItemAlarmImage::QEL_ItemAlarmImage(QObject* parent, const QEL_Settings& conf, int type, const QString& subDir,
+                                       CHttpBase* builder, int perArchive)
     : QEL_BaseItem(parent)
+    , conf_(conf)
     , subDir_(subDir)
     , perArchive_(perArchive)
 {
     http = builder;
     number = type;
-    textA = gConfig->qelpath + subDir_;
-    failDir = gConfig->failpath + subDir_;
+    textA = conf_.qelpath + subDir_;
+    failDir = conf_.failpath + subDir_;
 }
 
 RetError QEL_ItemAlarmImage::Item_Init()
@@ -109,12 +108,12 @@ void QEL_ItemAlarmImage::ParseToCamDec(const QString& path, int& camera, int& de
 QStringList QEL_ItemAlarmImage::imageDirs() const
 {
     QStringList dirs;
-    const int cameras = gConfig->camera.toInt(nullptr, 10);
-    const int detects = gConfig->detect.toInt(nullptr, 10);
+    const int cameras = conf_.camera.toInt(nullptr, 10);
+    const int detects = conf_.detect.toInt(nullptr, 10);
     for (int c = 1; c <= cameras; ++c) {
         for (int d = 1; d <= detects; ++d) {
-            dirs << gConfig->alarmimage + QString("camera%1/detect%2/NG/").arg(c).arg(d);
-            dirs << gConfig->alarmimage + QString("camera%1/detect%2/OK/").arg(c).arg(d);
+            dirs << conf_.alarmimage + QString("camera%1/detect%2/NG/").arg(c).arg(d);
+            dirs << conf_.alarmimage + QString("camera%1/detect%2/OK/").arg(c).arg(d);
         }
     }
     return dirs;
@@ -209,7 +208,7 @@ bool QEL_ItemAlarmImage::takeLeftovers()
         for (const QByteArray& member : QByteArray::fromStdString(listing.output).split('\n')) {
             if (member.isEmpty())
                 continue;
-            const QString image = QDir::cleanPath(gConfig->apppath + '/' + decodeFileName(member));
+            const QString image = QDir::cleanPath(conf_.apppath + '/' + decodeFileName(member));
             const qint64 modified = fileModifiedMs(image);
             if (modified > mark && recent_.value(image, -1) != modified) {
                 recent_.insert(image, modified);
@@ -299,7 +298,7 @@ QEL_ItemAlarmImage::Packed QEL_ItemAlarmImage::pack(const QStringList& files, in
 {
     Packed out;
     const auto now = [] { return QDateTime::currentDateTime(); };
-    QVector<TarJob> jobs = planArchives(files, gConfig->apppath, workDir(), perArchive, now);
+    QVector<TarJob> jobs = planArchives(files, conf_.apppath, workDir(), perArchive, now);
     for (int j = 0; j < jobs.size(); ++j) {
         TarJob& job = jobs[j];
         // Written under another name, on disk with its directory entry
@@ -335,7 +334,7 @@ QEL_ItemAlarmImage::Packed QEL_ItemAlarmImage::pack(const QStringList& files, in
             out.skipped << image;
         }
         if (readable.size() < job.images.size() && !readable.isEmpty()) {
-            job = planArchives(readable, gConfig->apppath, workDir(), perArchive, now).first();
+            job = planArchives(readable, conf_.apppath, workDir(), perArchive, now).first();
             --j;        // once more, without them
             continue;
         }
@@ -548,8 +547,8 @@ RetError QEL_ItemAlarmImage::Item_NetRecvOperate(const QString& reply)
 
 // ---- templates ----------------------------------------------------------------
 
-QEL_ItemTemplate::QEL_ItemTemplate(QObject* parent)
-    : QEL_ItemAlarmImage(parent, 6, "qel_tempimage/", new CHttp_TempImage, 1)
+QEL_ItemTemplate::QEL_ItemTemplate(QObject* parent, const QEL_Settings& conf)
+    : QEL_ItemAlarmImage(parent, conf, 6, "qel_tempimage/", new CHttp_TempImage(conf.httpPeers()), 1)
 {
 }
 
@@ -561,11 +560,11 @@ void QEL_ItemTemplate::ParseToCamDec(const QString& path, int& camera, int& dete
 QStringList QEL_ItemTemplate::imageDirs() const
 {
     QStringList dirs;
-    const int cameras = gConfig->camera.toInt(nullptr, 10);
-    const int detects = gConfig->detect.toInt(nullptr, 10);
+    const int cameras = conf_.camera.toInt(nullptr, 10);
+    const int detects = conf_.detect.toInt(nullptr, 10);
     for (int c = 1; c <= cameras; ++c)
         for (int d = 1; d <= detects; ++d)
-            dirs << gConfig->template_ + QString("cammer%1%2/").arg(c).arg(d);
+            dirs << conf_.template_ + QString("cammer%1%2/").arg(c).arg(d);
     return dirs;
 }
 

@@ -8,6 +8,7 @@
 #include "JobRunner.h"
 #include "ShellCommand.h"
 #include "QEL_BaseItem.h"
+#include "QEL_Settings.h"
 
 // Alarm-image (5) and template (6) archive uploads on the FILE connection.
 //
@@ -26,7 +27,7 @@ class QEL_ItemAlarmImage : public QEL_BaseItem
 {
     Q_OBJECT
 public:
-    explicit QEL_ItemAlarmImage(QObject* parent);
+    QEL_ItemAlarmImage(QObject* parent, const QEL_Settings& conf);
 
     // Main thread.
     RetError Item_Init() override;
@@ -62,7 +63,10 @@ public:
     static const int kChunkBytes = 16384;
 
 protected:
-    QEL_ItemAlarmImage(QObject* parent, int type, const QString& subDir, CHttpBase* builder, int perArchive);
+    QEL_ItemAlarmImage(QObject* parent, const QEL_Settings& conf, int type, const QString& subDir, CHttpBase* builder,
+                       int perArchive);
+    // The directories, the camera and detection counts; read on any thread.
+    const QEL_Settings conf_;
     // Packer thread: the images of `tars`' archives, packed `perArchive` at a time.
     RetError packInto(const QStringList& files, QStringList& tars, int perArchive);
 
@@ -122,7 +126,7 @@ class QEL_ItemTemplate : public QEL_ItemAlarmImage
 {
     Q_OBJECT
 public:
-    explicit QEL_ItemTemplate(QObject* parent);
+    QEL_ItemTemplate(QObject* parent, const QEL_Settings& conf);
     void ParseToCamDec(const QString& path, int& camera, int& detect) override;
     void Item_CheckDir(QStringList& out) override;
     RetError Item_PickTar(const QStringList& files, QStringList& tars) override;

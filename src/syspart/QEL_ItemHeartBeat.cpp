@@ -16,11 +16,11 @@ bool heartAcknowledged(qint64 nowMs, qint64 lastHeartMs, bool connected)
     return nowMs - lastHeartMs <= QEL_ItemHeartBeat::kHeartBoundMs && connected;
 }
 
-QEL_ItemHeartBeat::QEL_ItemHeartBeat(QObject* parent)
+QEL_ItemHeartBeat::QEL_ItemHeartBeat(QObject* parent, const HttpPeers& peers)
     : QEL_BaseItem(parent)
     , lastHeart(QDateTime::currentDateTime())
 {
-    http = new CHttp_Heart;
+    http = new CHttp_Heart(peers);
     number = 4;
 }
 

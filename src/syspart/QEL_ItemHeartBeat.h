@@ -3,6 +3,7 @@
 #include <QDateTime>
 #include <QMap>
 
+#include "CHttpEndpoints.h"
 #include "QEL_BaseItem.h"
 
 // Whether the last heartbeat acknowledgement is recent enough: one missed
@@ -19,7 +20,7 @@ public:
     static const int kSaveFailPeriodMs = 30000;
     static const qint64 kHeartBoundMs = 39000;
 
-    explicit QEL_ItemHeartBeat(QObject* parent);
+    QEL_ItemHeartBeat(QObject* parent, const HttpPeers& peers);
     RetError Item_Init() override;
     RetError Item_pickInfo(const QString& info, QString& out) override;
     RetError Item_NetRecvOperate(const QString& body) override;

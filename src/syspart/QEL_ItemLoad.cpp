@@ -6,10 +6,10 @@
 #include "QEL_ItemHost.h"
 #include "QEL_BaseThread.h"
 
-QEL_ItemLoad::QEL_ItemLoad(QObject* parent)
+QEL_ItemLoad::QEL_ItemLoad(QObject* parent, const HttpPeers& peers)
     : QEL_BaseItem(parent)
 {
-    http = new CHttp_Load;
+    http = new CHttp_Load(peers);
     number = 3;
 }
 

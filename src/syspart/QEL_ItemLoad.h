@@ -1,5 +1,6 @@
 #pragma once
 
+#include "CHttpEndpoints.h"
 #include "QEL_BaseItem.h"
 
 // The login: one request queued at start-up; its answer decides whether the
@@ -8,7 +9,7 @@ class QEL_ItemLoad : public QEL_BaseItem
 {
     Q_OBJECT
 public:
-    explicit QEL_ItemLoad(QObject* parent);
+    QEL_ItemLoad(QObject* parent, const HttpPeers& peers);
     RetError Item_Init() override;
     RetError Item_pickInfo(const QString& info, QString& out) override;
     RetError Item_NetRecvOperate(const QString& body) override;

@@ -6,10 +6,11 @@
 #include "CHttpEndpoints.h"
 #include "RunStateProbe.h"
 
-QEL_ItemRunState::QEL_ItemRunState(QObject* parent)
+QEL_ItemRunState::QEL_ItemRunState(QObject* parent, const HttpPeers& peers)
     : QEL_BaseItem(parent)
+    , peers_(peers)
 {
-    http = new CHttp_RunState;
+    http = new CHttp_RunState(peers);
     number = 19;
 }
 
@@ -39,7 +40,7 @@ void QEL_ItemRunState::Item_fromApplication(const QString& body, const Handled& 
     measurer_.post([this, id, body] {
         QString text;
         composeRunStateBody(body, measureRunState(&shell_), text);
-        CHttp_RunState builder;     // the item's own builder belongs to the main thread
+        CHttp_RunState builder(peers_);     // the item's own builder belongs to the main thread
         builder.repaceBuff(text);
         {
             std::lock_guard<std::mutex> g(pendingMutex_);
@@ -92,7 +93,7 @@ QStringList QEL_ItemRunState::stopMeasuring()
         sample.nearstart = readUptimeSeconds();
         QString text;
         composeRunStateBody(p.body, sample, text);
-        CHttp_RunState builder;
+        CHttp_RunState builder(peers_);
         builder.repaceBuff(text);
         requests << builder.getHttp();
     }

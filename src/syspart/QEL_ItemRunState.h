@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "JobRunner.h"
+#include "CHttpEndpoints.h"
 #include "QEL_BaseItem.h"
 #include "ShellCommand.h"
 
@@ -19,7 +20,7 @@ class QEL_ItemRunState : public QEL_BaseItem
 {
     Q_OBJECT
 public:
-    explicit QEL_ItemRunState(QObject* parent);
+    QEL_ItemRunState(QObject* parent, const HttpPeers& peers);
     // Measures on the calling thread (runs "top"): never on the main thread.
     RetError Item_pickInfo(const QString& in, QString& out) override;
     // Checks the body at once, measures on a worker, queues on the main thread.
@@ -38,6 +39,7 @@ private:
     };
     void queueMeasured(quint64 id);
 
+    const HttpPeers peers_;             // for builders made on the measurer
     JobRunner measurer_;
     ShellCommand shell_;
     std::mutex pendingMutex_;           // guards pending_ (main thread and measurer)

@@ -14,10 +14,8 @@
 
 #include "MemoryInfo.h"
 #include "MuxThread.h"
-#include "QEL_SQLConf.h"
 #include "QEL_Semaphore.h"
 #include "ThreadCheck.h"
-#include "globals.h"
 
 namespace {
 
@@ -126,8 +124,11 @@ void QEL_ItemVideoThreadCopy::run()
 
 // ---- item ---------------------------------------------------------------------------
 
-QEL_ItemVideo::QEL_ItemVideo(QObject* parent)
+QEL_ItemVideo::QEL_ItemVideo(QObject* parent, const QEL_Settings& conf)
     : QEL_BaseItem(parent)
+    , device_(conf.useInlineName.toUtf8())
+    , serverIp_(conf.serverip_video.toLatin1())
+    , serverPort_(conf.serverport_video.toInt())
     , copy_(new QEL_ItemVideoThreadCopy(this))
 {
     number = 9;
@@ -220,11 +221,7 @@ MuxThread* QEL_ItemVideo::CreateMux(int cameraid, int width, int height, int bit
     QEL_ASSERT_MAIN_THREAD();
     char camera[12] = {};
     std::snprintf(camera, sizeof camera, "%d", cameraid + 1);   // camera 0 is pushed as "1"
-    const QByteArray device = gConfig->useInlineName.toUtf8();
-    const QByteArray serverIp = gConfig->serverip_video.toLatin1();
-    const int serverPort = gConfig->serverport_video.toInt();
-
-    auto* thread = new MuxThread(camera, device.constData(), serverIp.constData(), serverPort, width, height, bit_rate,
+    auto* thread = new MuxThread(camera, device_.constData(), serverIp_.constData(), serverPort_, width, height, bit_rate,
                                  fps_, this);
     thread->start(QThread::HighestPriority);
     thread->stream();

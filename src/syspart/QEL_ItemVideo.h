@@ -7,6 +7,7 @@
 #include <mutex>
 
 #include "QEL_BaseItem.h"
+#include "QEL_Settings.h"
 
 struct CameraAnnounce;
 class MuxThread;
@@ -61,7 +62,8 @@ class QEL_ItemVideo : public QEL_BaseItem
 {
     Q_OBJECT
 public:
-    explicit QEL_ItemVideo(QObject* parent);
+    // Takes the device identifier and the video server from `conf`.
+    QEL_ItemVideo(QObject* parent, const QEL_Settings& conf);
     ~QEL_ItemVideo() override;
 
     RetError Item_Init() override;
@@ -84,6 +86,9 @@ public:
     int fps = 0;
 
 private:
+    const QByteArray device_;           // the device identifier, as pushed
+    const QByteArray serverIp_;         // the video server
+    const int serverPort_;
     // The camera's segment and semaphore, when their ids are the announced ones.
     static bool attachCamera(const CameraAnnounce& camera, VideoPushInfo& push);
 

@@ -1,60 +1,65 @@
 #pragma once
 
+#include <QList>
 #include <QObject>
+#include <QPair>
 #include <QSqlDatabase>
 #include <QSqlQuery>
 #include <QString>
 #include <QStringList>
 
+#include "QEL_Settings.h"
+
 // The agent's configuration: the key/value table info_sysconf of one SQLite
-// file, completed with built-in defaults on first run. It also creates the
-// failure history table info_failhistory, which QEL_FailStore keeps. One
-// instance per process (gConfig).
-class QEL_SQLConf : public QObject
+// file. At start-up it is completed with the built-in defaults (a missing
+// key is inserted); the integrator's commands open it without completing it.
+// Its connection name is fixed ("dbinfo"): one store at a time per process.
+class QEL_SQLConf : public QObject, public QEL_Settings
 {
     Q_OBJECT
 public:
-    static QEL_SQLConf* getInstance(QObject* parent, const QString& dbPath);
-
-    // Public so that tests can open several stores one after another;
-    // the agent itself only ever goes through getInstance.
-    QEL_SQLConf(QObject* parent, const QString& dbPath);
+    enum class Access {
+        Start,      // as start-up: make the table, insert the missing keys' defaults
+        Inspect,    // read only: nothing is made or written, not even a missing file
+        Edit,       // read and write, nothing completed (setValues writes)
+    };
+    QEL_SQLConf(QObject* parent, const QString& dbPath, Access access = Access::Start);
     ~QEL_SQLConf() override;
 
     QString findValue(const QString& key);
     QString setDefaultValue(const QString& key, const QString& value, const QString& description);
 
-    // Values as stored (numbers too are text), in load order.
-    QString alarmimage;
-    QString template_;          // key "template"
-    QString apppath;
-    QString failpath;
-    QString logpath;
-    QString qelpath;
-    QString tdata;
-    QString serverip_info;
-    QString serverip_file;
-    QString serverip_video;
-    QString serverport_info;
-    QString serverport_file;
-    QString serverport_video;
-    QString camera;
-    QString detect;
-    QString useInlineName;      // always the host name in memory
-    QString apppath_send;
-    QString thispath;
-    // Optional keys: read when present, never written.
-    QString queue_limit_mb;     // the failure history's budget in MiB (empty: the default)
+    // Edit: writes every pair in one transaction (a missing row is inserted
+    // with its key's description). False, with nothing written, on failure.
+    bool setValues(const QList<QPair<QString, QString>>& pairs, QString* error);
 
     QString status;
+    // Keys without a value when the store was opened (Start: now filled in).
+    QStringList missing;
 
     static const char* const kSuccess;      // "config success"
     static const char* const kOpenError;    // "config.SQL open error"
     static const char* const kIncomplete;   // "The data is incomplete"
 
-private:
-    static QEL_SQLConf* instance_;
+    // The keys the agent reads, in load order, with their built-in defaults.
+    struct Key
+    {
+        enum Kind { Directory, Address, Port, Count, Text } kind;
+        const char* name;
+        const char* value;
+        const char* description;
+        QString QEL_Settings::*field;
+    };
+    static const QList<Key>& keys();
+    // The optional keys: read when present, never completed.
+    static const QStringList& optionalKeys();
+    // Empty when `value` is one the agent can use for `key`; else why not,
+    // in words an integrator can act on. Unknown keys are refused.
+    static QString problemWith(const QString& key, const QString& value);
+    // queue_limit_mb: 0 when empty (the default), -1 when unusable, else MiB.
+    static qint64 queueLimitMb(const QString& text);
 
+private:
     QSqlDatabase db_;
     QSqlQuery query_;
 };

@@ -9,10 +9,10 @@ template <class Builder, int Number>
 class QEL_SimpleItem : public QEL_BaseItem
 {
 public:
-    explicit QEL_SimpleItem(QObject* parent)
+    QEL_SimpleItem(QObject* parent, const HttpPeers& peers)
         : QEL_BaseItem(parent)
     {
-        http = new Builder;
+        http = new Builder(peers);
         number = Number;
     }
 };

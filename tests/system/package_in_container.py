@@ -59,14 +59,22 @@ def scenario():
     sys.dont_write_bytecode = True      # nothing of ours left under /usr for dpkg
     from qel_app_sim import AppSim, Camera, write_images
     from qel_cdn_sink import CdnSink
-    from qel_config import make_db
     from qel_server_sim import ServerSim
     sink = CdnSink(0, directory="/tmp/streams").start()
     srv = ServerSim(cdn_port=sink.port).start()
     app = AppSim(8890).start()
     camera = Camera(0, 160, 128).start()
-    make_db(DB, "/root/bin-AOI", srv.info_port, srv.file_port, video_port=srv.video_port)
+    # The integrator's path: a new database, the servers, then the check.
+    run("qel_net", "--config", DB, "init", "--server", "127.0.0.1")
+    run("qel_net", "--config", DB, "set", "serverport_info", str(srv.info_port), "serverport_file",
+        str(srv.file_port), "serverport_video", str(srv.video_port), "alarmimage", "/srv/aoi/")
     write_images("/root/bin-AOI/alarmimage", count=2)     # packed with tar at start-up
+    r = run("qel_net", "--check", DB)
+    check(r.returncode == 1 and "ReadWritePaths=/srv/aoi" in r.stdout,
+          "--check: a directory outside the unit's writable paths is named, with the directive to widen")
+    run("qel_net", "--config", DB, "set", "alarmimage", "/root/bin-AOI/alarmimage/")
+    r = run("qel_net", "--check", DB)
+    check(r.returncode == 0 and r.stdout.endswith("qel_net --check: ready\n"), "--check: the machine is ready")
 
     run("systemctl", "enable", "--now", UNIT)
     logged = run("grep", "-rq", "systemd:(ready", WORKDIR + "/qel_log", quiet=True).returncode == 0

@@ -2,15 +2,12 @@
 // requests the builders write.
 #include <gtest/gtest.h>
 
-#include <QTemporaryDir>
 #include <functional>
 #include <memory>
 
 #include "CHttpEndpoints.h"
 #include "CHttp_AppBack.h"
-#include "QEL_SQLConf.h"
 #include "ReplyFramer.h"
-#include "globals.h"
 
 namespace {
 
@@ -53,25 +50,8 @@ TEST(ReplyFramer, CutsTheStreamIntoReplies)
     EXPECT_EQ(framer.feed(a), QList<QByteArray>{a});
 }
 
-// The builders read the configuration store; its connection name is fixed,
-// so one store serves the whole suite.
-class HttpEndpoints : public ::testing::Test
-{
-protected:
-    static void SetUpTestSuite() { conf_ = new QEL_SQLConf(nullptr, dir_.filePath("sysconf.db")); }
-    static void TearDownTestSuite() { gConfig = nullptr; delete conf_; }
-    void SetUp() override
-    {
-        conf_->useInlineName = "AOI-7";
-        conf_->serverip_info = "127.0.0.1";
-        conf_->serverport_info = "8000";
-        conf_->serverip_file = "127.0.0.2";
-        conf_->serverport_file = "8080";
-        gConfig = conf_;
-    }
-    static inline QTemporaryDir dir_;
-    static inline QEL_SQLConf* conf_ = nullptr;
-};
+// The builders take the device identifier and the servers when they are made.
+const HttpPeers kPeers{"AOI-7", "127.0.0.1", "8000", "127.0.0.2", "8080"};
 
 #define TAIL(id, agent, len, host) \
     "Connection: keep-alive\r\nSessionId: " id "\r\nUser-Agent: " agent "\r\nContent-Length: " len "\r\nHost: " host "\r\n\r\n"
@@ -85,22 +65,22 @@ protected:
 // GET with the device in the path, file upload (its length is the file's),
 // the file host with the INFO agent, multipart, and the one that has no head
 // until its first body. Each fresh, then rebuilt around a UTF-8 body.
-TEST_F(HttpEndpoints, RequestsAreByteExactAndCountUtf8Bytes)
+TEST(HttpEndpoints, RequestsAreByteExactAndCountUtf8Bytes)
 {
     const struct { std::function<CHttpBase*()> make; const char *line, *fresh, *rebuiltTail; } cases[] = {
-        {[] { return new CHttp_Param; }, "POST /vmu/device/sysparam/upload HTTP/1.1\r\n" JSON, TAIL("2", "INFO", "0", INFO),
+        {[] { return new CHttp_Param(kPeers); }, "POST /vmu/device/sysparam/upload HTTP/1.1\r\n" JSON, TAIL("2", "INFO", "0", INFO),
          TAIL("2", "INFO", "6", INFO)},
-        {[] { return new CHttp_Load; }, "POST /vmu/device/login HTTP/1.1\r\n" FORM, TAIL("3", "INFO", "15", INFO) "device_id=AOI-7",
+        {[] { return new CHttp_Load(kPeers); }, "POST /vmu/device/login HTTP/1.1\r\n" FORM, TAIL("3", "INFO", "15", INFO) "device_id=AOI-7",
          TAIL("3", "INFO", "6", INFO)},
-        {[] { return new CHttp_Heart; }, "GET /vmu/device/heartbeat?device_id=AOI-7 HTTP/1.1\r\n" FORM,
+        {[] { return new CHttp_Heart(kPeers); }, "GET /vmu/device/heartbeat?device_id=AOI-7 HTTP/1.1\r\n" FORM,
          TAIL("4", "INFO", "15", INFO) "device_id=AOI-7", TAIL("4", "INFO", "6", INFO)},
-        {[] { return new CHttp_Alarmimage; }, "POST /videowatch/uploadImg/saveTarGz/AOI-7 HTTP/1.1\r\nContent-type: application/octet-stream\r\n",
+        {[] { return new CHttp_Alarmimage(kPeers); }, "POST /videowatch/uploadImg/saveTarGz/AOI-7 HTTP/1.1\r\nContent-type: application/octet-stream\r\n",
          TAIL("5", "FILE", "0", FILES), TAIL("5", "FILE", "0", FILES)},
-        {[] { return new CHttp_DelTemp; }, "POST /videowatch/picture/removeTemplate HTTP/1.1\r\n" FORM, TAIL("11", "INFO", "0", FILES),
+        {[] { return new CHttp_DelTemp(kPeers); }, "POST /videowatch/picture/removeTemplate HTTP/1.1\r\n" FORM, TAIL("11", "INFO", "0", FILES),
          TAIL("11", "INFO", "6", FILES)},
-        {[] { return new CHttp_GetProductInfo; }, "GET /vmu/device/initial?device_id=AOI-7 HTTP/1.1\r\n" MULTI,
+        {[] { return new CHttp_GetProductInfo(kPeers); }, "GET /vmu/device/initial?device_id=AOI-7 HTTP/1.1\r\n" MULTI,
          TAIL("14", "INFO", "0", INFO), TAIL("14", "INFO", "6", INFO)},
-        {[] { return new CHttp_DetectCancle; }, "POST /vmu/device/detect_terminate HTTP/1.1\r\n" JSON, nullptr, TAIL("20", "INFO", "6", INFO)},
+        {[] { return new CHttp_DetectCancle(kPeers); }, "POST /vmu/device/detect_terminate HTTP/1.1\r\n" JSON, nullptr, TAIL("20", "INFO", "6", INFO)},
     };
     for (const auto& c : cases) {
         std::unique_ptr<CHttpBase> builder(c.make());
@@ -108,15 +88,13 @@ TEST_F(HttpEndpoints, RequestsAreByteExactAndCountUtf8Bytes)
         builder->repaceBuff(QString::fromUtf8("检测"));
         EXPECT_EQ(builder->getHttp(), QString::fromUtf8(c.line) + c.rebuiltTail + QString::fromUtf8("检测"));
     }
-    // A rebuild reads the configuration again; the body keeps its identifier.
-    CHttp_Heart heart;
-    conf_->serverport_info = "9000";
-    conf_->useInlineName = "";
-    heart.reloadbase();
+    // A builder's servers are its own, whatever another's are; the body keeps its identifier.
+    CHttp_Heart heart(HttpPeers{"", "127.0.0.1", "9000", "", ""});
+    heart.repaceBuff("device_id=AOI-7");
     EXPECT_EQ(heart.getHttp(),
               "GET /vmu/device/heartbeat?device_id= HTTP/1.1\r\n" FORM TAIL("4", "INFO", "15", "127.0.0.1:9000") "device_id=AOI-7");
     // An archive's length is the file's, set before the rebuild.
-    CHttp_TempImage image;
+    CHttp_TempImage image(kPeers);
     image.filelength(1234);
     image.reloadbase();
     EXPECT_TRUE(image.head.contains("\r\nSessionId: 6\r\nUser-Agent: FILE\r\nContent-Length: 1234\r\n"));

@@ -112,4 +112,35 @@ TEST_F(SQLConf, UnreadableFiles)
     EXPECT_FALSE(QFileInfo::exists(tmp_.filePath(QStringLiteral("missing"))));
 }
 
+// The integrator's commands open a store without making or completing it.
+TEST_F(SQLConf, InspectingOrEditingNeverMakesOrCompletes)
+{
+    for (auto access : {QEL_SQLConf::Access::Inspect, QEL_SQLConf::Access::Edit})
+        EXPECT_EQ(QEL_SQLConf(nullptr, path_, access).status, QEL_SQLConf::kOpenError);
+    EXPECT_FALSE(QFileInfo::exists(path_));
+    defaultsThen({"delete from info_sysconf where 信息名称='detect'"});
+    {
+        QEL_SQLConf store(nullptr, path_, QEL_SQLConf::Access::Inspect);
+        EXPECT_EQ(store.missing, QStringList{"detect"});
+        EXPECT_EQ(store.status, QEL_SQLConf::kIncomplete);
+    }
+    EXPECT_EQ(sql({"select count(*) from info_sysconf"}), QStringList{"17"});
+}
+
+// What an integrator may set: each value as the agent's use of it needs it.
+TEST(SQLConfValues, CheckedAsTheAgentUsesThem)
+{
+    const struct { const char *key, *value; bool usable; } cases[] = {
+        {"serverport_info", "1", true}, {"serverport_file", "65535", true}, {"serverport_info", "0", false},
+        {"serverport_info", "65536", false}, {"serverport_info", "+80", false}, {"serverport_info", "80 ", false},
+        {"serverip_video", "10.1.2.3", true}, {"serverip_info", "10.1.2", false}, {"serverip_info", "aoi.local", false},
+        {"alarmimage", "/data/img/", true}, {"tdata", "/data/img", false}, {"logpath", "data/", false},
+        {"camera", "4", true}, {"detect", "0", false}, {"thispath", "it's", false}, {"useInlineName", "", false},
+        {"queue_limit_mb", "", true}, {"queue_limit_mb", "64", true}, {"queue_limit_mb", "-1", false},
+        {"serverip", "10.1.2.3", false},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(QEL_SQLConf::problemWith(c.key, c.value).isEmpty(), c.usable) << c.key << " = \"" << c.value << '"';
+}
+
 }  // namespace
