@@ -144,7 +144,8 @@ RetError QEL_BaseItem::Item_NetRecvOperate(const QString& body)
     const char* result = (value == "0" || value == "\"0\"") ? "-- success --" : "-- fail --";
     // Only the request in flight is removed: a duplicated or late answer
     // finds nothing of this item in flight and removes nothing.
-    thread->queue.acknowledge(number);
+    if (thread->queue.acknowledge(number))
+        thread->answered(number);
     LOG(INFO) << "recv:" << number << "(result:" << result << ")";
     thread->goThrough();
     return RET_OK;

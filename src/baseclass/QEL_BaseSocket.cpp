@@ -16,6 +16,7 @@
 
 namespace {
 const int kReadChunk = 2048;
+const int kQuietMs = 500;
 const int kSocketLockWaitMs = 60000;
 }  // namespace
 
@@ -88,7 +89,11 @@ QEL_BaseSocket::QEL_BaseSocket(QObject* parent)
         if (s != QAbstractSocket::UnconnectedState)
             return;
         failPendingWrites();
-        framer_.reset();
+        // A reply delimited by the close is complete now, before the link's
+        // end is told.
+        quiet_.stop();
+        for (const ServerReply& reply : framer_.finish())
+            handleReply(reply);
         reconnector_.attemptEnded(false);
         if (wasUp_) {
             wasUp_ = false;
@@ -96,6 +101,11 @@ QEL_BaseSocket::QEL_BaseSocket(QObject* parent)
         }
     });
     connect(this, &QIODevice::bytesWritten, this, &QEL_BaseSocket::onBytesWritten);
+    quiet_.setSingleShot(true);
+    connect(&quiet_, &QTimer::timeout, this, [this] {
+        for (const ServerReply& reply : framer_.finish())
+            handleReply(reply);
+    });
     connect(&reconnector_, &QEL_Reconnector::attemptFinished, this, &QEL_BaseSocket::onAttemptFinished);
 }
 
@@ -161,20 +171,26 @@ void QEL_BaseSocket::SlotRecvData()
         const QByteArray chunk = read(kReadChunk);
         if (chunk.isEmpty())
             break;
-        for (const QByteArray& reply : framer_.feed(chunk))
+        for (const ServerReply& reply : framer_.feed(chunk))
             handleReply(reply);
     }
+    if (framer_.waitingForClose())
+        quiet_.start(kQuietMs);
 }
 
-void QEL_BaseSocket::handleReply(const QByteArray& reply)
+void QEL_BaseSocket::handleReply(const ServerReply& reply)
 {
     qDebug().noquote() << QString("oxa recv normal") + QString(135, QChar('-'));
-    QString text;
-    QString body;
-    const int number = CHttpBase::readReply(reply, text, body);
-    qDebug().noquote() << text;
-    if (number != 0)
-        emit sigReply(number, body);
+    // The text ends at the first zero byte.
+    qDebug().noquote() << QString::fromUtf8(reply.raw.constData(), int(qstrnlen(reply.raw.constData(), uint(reply.raw.size()))));
+    const int number = reply.sessionId();
+    if (reply.ok()) {
+        if (number != 0)
+            emit sigReply(number, QString::fromUtf8(reply.body.constData(),
+                                                    int(qstrnlen(reply.body.constData(), uint(reply.body.size())))));
+    } else if (reply.status != 0) {
+        emit sigNotAnswered(number, reply.status, reply.retryAfterMs());
+    }
 }
 
 // ---- connecting -----------------------------------------------------------

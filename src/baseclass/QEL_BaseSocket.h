@@ -5,6 +5,7 @@
 #include <QMutex>
 #include <QString>
 #include <QTcpSocket>
+#include <QTimer>
 #include <atomic>
 #include <functional>
 #include <memory>
@@ -19,7 +20,8 @@
 // it is made there. Its jobs are kept apart:
 //   - connecting: QEL_Reconnector (one bounded attempt at a time, back-off);
 //   - writes from worker threads: handed to the main thread (writeAndWait);
-//   - replies: cut by ReplyFramer and announced with sigReply;
+//   - replies: read by ReplyFramer; a 2xx answer is announced with sigReply,
+//     any other status with sigNotAnswered;
 //   - link loss: announced with sigLinkLost / sigDown, never acted on here.
 class QEL_BaseSocket : public QTcpSocket
 {
@@ -88,8 +90,12 @@ public:
     QString name;
 
 signals:
-    // A complete reply whose "SessionId" names item `number` (never 0).
+    // A 2xx reply whose "SessionId" names item `number` (never 0).
     void sigReply(int number, const QString& body);
+    // A reply with another status (a proxy's error page, 503 with
+    // Retry-After, 413): not an answer. `number` is the item its SessionId
+    // names (0: none); `retryAfterMs` -1 when it says nothing.
+    void sigNotAnswered(int number, int status, qint64 retryAfterMs);
     // A time-out or network error: the server link is lost.
     void sigLinkLost();
     // The connection is established / has ended.
@@ -105,8 +111,8 @@ public slots:
 protected:
     // Name for the log lines and the peer to connect to.
     void setPeer(const QString& socketName, const QString& peerHost, const QString& peerPort);
-    // One reply, as the framer cut it: routed by its "SessionId".
-    void handleReply(const QByteArray& reply);
+    // One reply, as the framer read it: routed by its status and "SessionId".
+    void handleReply(const ServerReply& reply);
     QEL_Reconnector& reconnector() { return reconnector_; }
 
 private:
@@ -127,6 +133,9 @@ private:
     QMutex* lock_;
     QEL_Reconnector reconnector_;
     ReplyFramer framer_;
+    // A reply that runs to the close from a server that never closes is
+    // taken once the connection has been quiet this long.
+    QTimer quiet_;
     bool wasUp_ = false;
     quint64 connection_ = 0;               // counts established connections
     std::vector<PendingWrite> deferred_;   // asked for during a connection attempt

@@ -1,5 +1,6 @@
 #include "QEL_BaseThread.h"
 
+#include <QDeadlineTimer>
 #include <QMutexLocker>
 #include <chrono>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include "QEL_BaseItem.h"
 #include "QEL_BaseSocket.h"
 #include "QEL_ItemHost.h"
+#include "QEL_Reconnector.h"
 #include "RetError.h"
 
 namespace {
@@ -95,6 +97,35 @@ void QEL_BaseThread::linkDown(QEL_BaseSocket* socket)
         goThrough();
 }
 
+void QEL_BaseThread::notAnswered(QEL_BaseSocket* socket, int number, int status, qint64 retryAfterMs)
+{
+    int inFlight = 0;
+    if (flightSocket_.load() != socket || !queue.notAnswered(number, &inFlight))
+        return;
+    ++notAnswers_;
+    const int ms = qMax<int>(reconnectDelayMs(notAnswers_), int(qMin<qint64>(retryAfterMs, kMaxRetryAfterMs)));
+    backoffMs_ = ms;
+    if (notAnswers_ == 1)
+        LOG(INFO) << "recv:" << inFlight << "(status " << status << " is not an answer: sent again after "
+                  << ms / 1000.0 << " s)";
+    goThrough();
+}
+
+void QEL_BaseThread::answered(int number)
+{
+    if (notAnswers_ > 0)
+        LOG(INFO) << "recv:" << number << "(answered again after " << notAnswers_ << " replies that were not answers)";
+    notAnswers_ = 0;
+}
+
+void QEL_BaseThread::pause(int ms)
+{
+    QMutexLocker g(&stateLock_);
+    QDeadlineTimer deadline(ms);
+    while (!quit_ && !deadline.hasExpired())
+        startCond_.wait(&stateLock_, deadline);
+}
+
 void QEL_BaseThread::clearWake()
 {
     std::lock_guard<std::mutex> g(wakeMutex_);
@@ -159,6 +190,9 @@ void QEL_BaseThread::drain()
         // A time-out counts like a wake-up that brought no answer.
         const bool woken = waitForWake(kReplyWaitMs);
         const bool unanswered = queue.afterWait();
+        const int backoff = backoffMs_.exchange(0);
+        if (unanswered && backoff > 0 && queue.attempts() <= 1)
+            pause(backoff);     // a second refusal is given up at once
         if (!woken && unanswered && result == RET_OK) {
             // An answer that comes now could only be taken for the next
             // request written on this connection: the connection goes

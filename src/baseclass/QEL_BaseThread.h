@@ -34,6 +34,15 @@ public:
     // again as soon as the connection is back, without counting as
     // unanswered.
     void linkDown(QEL_BaseSocket* socket);
+    // Main thread: a reply on `socket` that is not an answer (a status
+    // other than 2xx; `number`: the item its SessionId names, 0 for none).
+    // The request in flight on it ends its wait unanswered, and is sent
+    // again only after a back-off: Retry-After (at most 60 s), never less
+    // than the reconnection step. Said once per episode.
+    void notAnswered(QEL_BaseSocket* socket, int number, int status, qint64 retryAfterMs);
+    // Main thread: the request in flight was answered (ends an episode of
+    // replies that were not answers).
+    void answered(int number);
 
     // Stops the thread for good (waits for the pass under way to end).
     void shutdown();
@@ -41,6 +50,7 @@ public:
     QEL_SendQueue queue;
 
     static const int kReplyWaitMs = 30000;
+    static const int kMaxRetryAfterMs = 60000;
 
 protected:
     void run() override;
@@ -53,6 +63,8 @@ protected:
     void clearWake();
     // Waits for goThrough() at most `ms`; false on time-out.
     bool waitForWake(int ms);
+    // Waits `ms`, or less if the thread is stopped.
+    void pause(int ms);
 
 private:
     mutable QMutex stateLock_;
@@ -61,6 +73,8 @@ private:
     bool sending_ = false;
     std::atomic<bool> quit_{false};
     std::atomic<QEL_BaseSocket*> flightSocket_{nullptr};
+    std::atomic<int> backoffMs_{0};     // before the next send, after a reply that was not an answer
+    int notAnswers_ = 0;                // main thread: such replies since the last answer
 
     std::mutex wakeMutex_;
     std::condition_variable wakeCond_;

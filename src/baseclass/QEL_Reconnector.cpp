@@ -2,6 +2,10 @@
 
 #include "ThreadCheck.h"
 
+#include <chrono>
+#include <random>
+#include <unistd.h>
+
 int reconnectDelayMs(int failures, int firstMs, int maxMs)
 {
     if (failures <= 0)
@@ -10,6 +14,15 @@ int reconnectDelayMs(int failures, int firstMs, int maxMs)
     for (int i = 1; i < failures && delay < maxMs; ++i)
         delay *= 2;
     return delay < maxMs ? int(delay) : maxMs;
+}
+
+int jitteredMs(int stepMs)
+{
+    if (stepMs <= 0)
+        return 0;
+    thread_local std::mt19937 generator(std::random_device{}() ^ unsigned(getpid())
+                                        ^ unsigned(std::chrono::steady_clock::now().time_since_epoch().count()));
+    return std::uniform_int_distribution<int>(0, stepMs)(generator);
 }
 
 QEL_Reconnector::QEL_Reconnector(Hooks hooks, QObject* parent, int attemptMs, int firstDelayMs,
@@ -48,7 +61,7 @@ void QEL_Reconnector::request(When when, Done done, const QString& key, bool for
     if (retry_.isActive() && when == When::Backoff)
         return;
     // Always begun from the event loop, never inside the caller's stack.
-    retry_.start(when == When::Now ? 0 : reconnectDelayMs(failures_, firstDelayMs_, maxDelayMs_));
+    retry_.start(when == When::Now ? 0 : jitteredMs(reconnectDelayMs(failures_, firstDelayMs_, maxDelayMs_)));
 }
 
 void QEL_Reconnector::begin()

@@ -9,6 +9,10 @@
 // Delay before the next connection attempt after `failures` failed ones in a
 // row: none after a success, then `firstMs` doubling up to `maxMs`.
 int reconnectDelayMs(int failures, int firstMs = 1000, int maxMs = 5000);
+// A wait drawn uniformly from [0, stepMs], from a generator seeded per
+// process: agents that lost the server at the same moment do not all come
+// back in the same instant, again and again.
+int jitteredMs(int stepMs);
 
 // The connection attempts of one socket, on the main thread: one attempt at
 // a time, bounded in time, with a back-off between failures. It knows

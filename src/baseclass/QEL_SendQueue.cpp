@@ -221,6 +221,16 @@ bool QEL_SendQueue::refuse(int number)
     return true;
 }
 
+bool QEL_SendQueue::notAnswered(int number, int* inFlight)
+{
+    QMutexLocker g(&mutex_);
+    if (inFlight_ == 0 || !headIs(inFlight_) || (number != 0 && entries_.first().number != number))
+        return false;
+    *inFlight = entries_.first().number;
+    inFlight_ = 0;
+    return true;
+}
+
 bool QEL_SendQueue::linkLost()
 {
     QMutexLocker g(&mutex_);

@@ -114,6 +114,10 @@ public:
     // A refusal from item `number` for its request in flight: the request
     // stays, and the send thread's next pass gives it up at once.
     bool refuse(int number);
+    // A reply that is not an answer (another status than 2xx) for the
+    // request in flight, from item `number` or from no item (0): its wait
+    // ends and the send counts as unanswered. `inFlight` gets its number.
+    bool notAnswered(int number, int* inFlight);
     // The connection the request in flight was written on is gone.
     // Returns whether a request was in flight.
     bool linkLost();

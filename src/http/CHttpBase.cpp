@@ -63,24 +63,6 @@ int CHttpBase::getType(const QStringList& list)
     return number.toInt(nullptr, 10);
 }
 
-int CHttpBase::getBuffString(const QString& response, QString& body)
-{
-    const int at = response.lastIndexOf(QLatin1String("\r\n"));
-    body = at < 0 ? response : response.mid(at + 2);
-    return RET_PARSED;
-}
-
-int CHttpBase::readReply(const QByteArray& reply, QString& text, QString& body)
-{
-    // The text ends at the first zero byte, and never past the bytes read.
-    const int len = static_cast<int>(strnlen(reply.constData(), static_cast<size_t>(reply.size())));
-    text = QString::fromUtf8(reply.constData(), len);
-    QStringList lines;
-    getHeadList(text, lines);
-    getBuffString(text, body);
-    return getType(lines);
-}
-
 int CHttpBase::getBuffItem(const QString& json, const QString& key, QString& value)
 {
     cJSON* root = oxa_json_parse(json.toUtf8().constData());

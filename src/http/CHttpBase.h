@@ -6,8 +6,9 @@
 
 // One HTTP request as the agent writes it on a raw socket: the header block
 // (request line, header lines, empty line) and the body. Subclasses know how
-// to rebuild the header block for their endpoint. The static parsers pick
-// apart the server's replies; they keep no state and may run on any thread.
+// to rebuild the header block for their endpoint. The static parsers read
+// queued requests and answer bodies; they keep no state and may run on any
+// thread (the server's replies themselves are read by ReplyFramer).
 class CHttpBase
 {
 public:
@@ -21,22 +22,16 @@ public:
 
     QString getHttp() const;
 
-    // Header lines of a reply (or of a queued request): the first line must
+    // Header lines of a queued request: the first line must
     // contain "HTTP"; the scan stops at an empty line. A header block of one
     // single line is not scanned. Returns 0 (not HTTP), 1 or 4 (RetError).
     static int getHeadList(const QString& response, QStringList& list);
     // The number in the "SessionId" header, 0 when absent or malformed.
     static int getType(const QStringList& list);
-    // The text after the last CR LF (the whole text if there is none).
-    static int getBuffString(const QString& response, QString& body);
     // cJSON_Print of the top-level item `key` of `json` (a string keeps its
     // double quotes). Returns 3 for bad JSON or a missing key, 4 on success;
     // on failure `value` is left as it was.
     static int getBuffItem(const QString& json, const QString& key, QString& value);
-
-    // One whole reply from the server, as bytes: its text (up to the first
-    // zero byte), its body and the number of the item it answers (0: none).
-    static int readReply(const QByteArray& reply, QString& text, QString& body);
 
     // Request line through Content-Length, each line ending in CR LF except
     // the content-type line, which ends in `typeEnd`. The caller adds the

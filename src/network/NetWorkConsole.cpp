@@ -132,6 +132,10 @@ void NetWorkConsole::stop()
 void NetWorkConsole::wireServerSocket(QEL_BaseSocket* socket)
 {
     connect(socket, &QEL_BaseSocket::sigReply, this, &NetWorkConsole::routeReply);
+    connect(socket, &QEL_BaseSocket::sigNotAnswered, this, [this, socket](int number, int status, qint64 retryAfterMs) {
+        threadInfo->notAnswered(socket, number, status, retryAfterMs);
+        threadFile->notAnswered(socket, number, status, retryAfterMs);
+    });
     connect(socket, &QEL_BaseSocket::sigLinkLost, this, &NetWorkConsole::reportLinkLost);
     connect(socket, &QEL_BaseSocket::sigDown, this, [this, socket] {
         threadInfo->linkDown(socket);

@@ -530,6 +530,7 @@ RetError QEL_ItemAlarmImage::Item_NetRecvOperate(const QString& reply)
     if (success) {
         QEL_QueuedRequest sent;
         if (thread->queue.acknowledge(number, &sent)) {
+            thread->answered(number);
             // The time file is the packer's alone (it says what was packed,
             // not what was answered).
             packer_->post([this, sent] { runShell(QString("rm -f %1").arg(shellQuote(sent.text))); });

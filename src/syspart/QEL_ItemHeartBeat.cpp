@@ -127,7 +127,9 @@ RetError QEL_ItemHeartBeat::Item_NetRecvOperate(const QString& body)
     // The answer also releases a heartbeat text the application queued, if
     // that is the request in flight, so the INFO queue does not stall
     // behind it.
-    if (thread->queue.acknowledge(number))
+    if (thread->queue.acknowledge(number)) {
+        thread->answered(number);
         thread->goThrough();
+    }
     return RET_OK;
 }

@@ -3,8 +3,10 @@ what the server and the links can do to it: odd answers, framing, outages,
 an application that restarts, a file server that is away. The tests run side
 by side, each agent in namespaces of its own."""
 
+import http.server
 import json
 import re
+import threading
 import time
 import unittest
 
@@ -27,6 +29,67 @@ SIMPLE_ITEMS = [
     (18, '{"result":"OK"}', "/vmu/device/detect_result"),
     (20, '{"cancel":1}', "/vmu/device/detect_terminate"),
 ]
+
+
+class RealInfoServer(http.server.ThreadingHTTPServer):
+    """The INFO port served by Python's own HTTP stack, each answer in the
+    shape the next entry of `shapes` names (then "plain")."""
+    daemon_threads = True
+
+    def __init__(self):
+        super().__init__(("127.0.0.1", 0), RealInfoHandler)
+        self.shapes, self.got, self.lock = [], [], threading.Lock()
+        threading.Thread(target=self.serve_forever, daemon=True).start()
+
+    def stop(self):
+        self.shutdown()
+        self.server_close()
+
+
+class RealInfoHandler(http.server.BaseHTTPRequestHandler):
+    protocol_version = "HTTP/1.1"
+
+    def log_message(self, *args):
+        pass
+
+    def do_GET(self):
+        self.do_POST()
+
+    def do_POST(self):
+        body = self.rfile.read(int(self.headers.get("Content-Length") or 0)).decode()
+        session, path = self.headers["SessionId"], self.path.split("?")[0]
+        with self.server.lock:
+            shape = self.server.shapes.pop(0) if self.server.shapes and session != "4" else "chunked"
+            self.server.got.append((time.monotonic(), path, body, shape))
+        answer = json.dumps({"msg": "OK"} if session == "4" else {"code": 0, "data": {}})
+        if shape == "pretty":           # an indenting writer on Windows
+            answer = json.dumps(json.loads(answer), indent=2).replace("\n", "\r\n")
+        if shape == "close":            # HTTP/1.0: the body ends with the connection
+            self.wfile.write(b"HTTP/1.0 200 OK\r\nSessionId: %s\r\n\r\n%s" % (session.encode(), answer.encode()))
+            self.close_connection = True
+            return
+        if shape == "continue":
+            self.wfile.write(b"HTTP/1.1 100 Continue\r\n\r\n")
+        status = {"503": 503, "502": 502}.get(shape, 200)
+        self.send_response(status)
+        self.send_header("Content-Type", "application/json")
+        if shape == "503":
+            self.send_header("Retry-After", "2")
+        if shape != "502":              # a proxy's own page names no item
+            self.send_header({"lower": "sessionid", "go": "Sessionid"}.get(shape, "SessionId"), session)
+        if shape == "mention":
+            self.send_header("Access-Control-Expose-Headers", "SessionId")
+        data = answer.encode() if status == 200 else b"<html>busy</html>"
+        if shape == "chunked":
+            self.send_header("Transfer-Encoding", "chunked")
+            self.end_headers()
+            for piece in (data[:3], data[3:]):
+                self.wfile.write(b"%x;ext=1\r\n%s\r\n" % (len(piece), piece))
+            self.wfile.write(b"0\r\nX-Trailer: t\r\n\r\n")
+        else:
+            self.send_header("Content-Length", str(len(data)))
+            self.end_headers()
+            self.wfile.write(data)
 
 
 class Messages(AgentTestCase):
@@ -131,6 +194,36 @@ class Messages(AgentTestCase):
         self.wait_until(lambda: not read_failhistory(self.db), 5, "the failure history emptied")
         self.assert_clean()
 
+    def test_a_real_http_stack_in_every_framing(self):
+        """Python's HTTP server on the INFO port: chunked answers (the login
+        and the heartbeat too), header names in any case, a body that ends
+        with the connection, CR LF pretty JSON, a 100 Continue first, a header
+        that only mentions SessionId; 503 with Retry-After and a proxy's 502
+        are not answers: nothing is removed, the message goes again after the
+        stated time and is delivered once."""
+        real = RealInfoServer()
+        self.addCleanup(real.stop)
+        srv, app, ag = self.start_all(db_overrides={"serverport_info": str(real.server_address[1])}, wait_login=False)
+        ag.wait_log(r"recv:3\(result:-- success --\)")
+        rows = ["chunked", "lower", "go", "close", "pretty", "continue", "mention", "503", "502"]
+        for shape in rows:
+            with real.lock:
+                real.shapes += [shape, "plain"]     # the second for a send again
+            body = '{"shape":"%s"}' % shape
+            self.send_and_ack(7, body)
+            self.wait_until(lambda: not read_failhistory(self.db), 10, shape + " answered")
+            arrivals = [t for t, p, b, _ in real.got if b == body]
+            with real.lock:
+                real.shapes.clear()
+            self.assertEqual(len(arrivals), 2 if shape in ("503", "502") else 1, shape)
+            if shape == "503":
+                self.assertGreaterEqual(arrivals[1] - arrivals[0], 2.0)
+        self.assertEqual(ag.log_text().count("recv:7(result:-- success --)"), len(rows))
+        self.assertEqual(len(re.findall(r"recv:7\(status 50[23] is not an answer", ag.log_text())), 2)
+        ag.wait_log(r"heart:\(recv heartpage back r:1\)", timeout=30)
+        self.assertNotIn("no answer within", ag.log_text())
+        self.assert_clean()
+
     def test_replies_are_framed_by_their_length(self):
         srv, app, ag = self.start_all()
         big = lambda tag: json.dumps({"code": 0, "data": {"tag": tag, "remark": "检测备注" * 250, "pad": "x" * 2000}},
@@ -211,7 +304,8 @@ class Messages(AgentTestCase):
         srv, app, ag = self.start_all(server_kw={"mode": "down"}, wait_login=False)
         ag.wait_log(r"send:3\(ERR_NetNoConnect send without connected\)")
         time.sleep(8)
-        self.assertLessEqual(ag.log_text().count("ERR_NetNoConnect"), 6)     # backing off, no storm
+        # Backing off, no storm: each wait is drawn from [0, 1, 2, 4 then 5 s], about 6 in 8 s.
+        self.assertLessEqual(ag.log_text().count("ERR_NetNoConnect"), 10)
         srv.up()
         self.assertEqual(srv.wait_request(path="/vmu/device/login", timeout=40)[0]["session"], 3)
         ag.wait_log(r"recv:3\(result:-- success --\)")

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <memory>
+#include <tuple>
 
 #include "CHttpEndpoints.h"
 #include "CHttp_AppBack.h"
@@ -17,37 +18,58 @@ QByteArray reply(const QByteArray& body, int session = 7)
         + QByteArray::number(body.size()) + "\r\n\r\n" + body;
 }
 
-TEST(ReplyFramer, CutsTheStreamIntoReplies)
+TEST(ReplyFramer, ReadsRepliesAsHttp11FramesThem)
 {
     const QByteArray a = reply("{\"code\":0}"), b = reply("{\"msg\":\"OK\"}", 4), big = reply(QByteArray(5000, 'x'));
-    const QByteArray unframed = "HTTP/1.1 200 OK\r\nSessionId: 7\r\n\r\n{\"code\":0}";
-    const QByteArray absurd = "HTTP/1.1 200 OK\r\nContent-Length: 999999999999\r\n\r\n{}";
-    const struct { const char* name; QList<QByteArray> reads, replies; int pending; } cases[] = {
-        {"two replies in one read", {a + b}, {a, b}, 0},
-        {"head split", {a.left(10), a.mid(10)}, {a}, 0},
-        {"body split", {a.left(a.size() - 3), a.right(3)}, {a}, 0},
-        {"reply and a half", {a + b.left(20)}, {a}, 20},
-        {"longer than a read", {big.left(2048), big.mid(2048, 2048), big.mid(4096)}, {big}, 0},
-        {"no length: taken as it arrives", {unframed}, {unframed}, 0},
-        {"not a reply: taken as it arrives", {"\x16\x03 garbage"}, {"\x16\x03 garbage"}, 0},
-        {"status line prefix waits", {"HTT"}, {}, 3},
-        {"absurd length is not waited for", {absurd}, {absurd}, 0},
-        {"empty body", {reply("")}, {reply("")}, 0},
-        {"header name in any case", {"HTTP/1.1 200 OK\r\ncontent-length:2\r\n\r\n{}HTT"},
-         {"HTTP/1.1 200 OK\r\ncontent-length:2\r\n\r\n{}"}, 3},
+    const QByteArray chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\nsessionid: 7\r\n\r\n"
+                               "4;ext=1\r\n{\"co\r\n6\r\nde\":0}\r\n0\r\nX-Trailer: t\r\n\r\n";
+    const QByteArray pretty = "HTTP/1.1 200 OK\r\nSessionid: 7\r\nContent-Length: 17\r\n\r\n{\r\n  \"code\": 0\r\n}";
+    const QByteArray untilClose = "HTTP/1.0 200 OK\r\nSessionId: 7\r\n\r\n{\"code\":0}";
+    const QByteArray mention = "HTTP/1.1 200 OK\r\nSessionId: 7\r\nAccess-Control-Expose-Headers: SessionId\r\n"
+                               "Content-Length: 2\r\n\r\n{}";
+    const QByteArray interim = "HTTP/1.1 100 Continue\r\n\r\n";
+    const QByteArray noContent = "HTTP/1.1 204 No Content\r\nSessionId: 2\r\n\r\n";
+    const QByteArray refused = "HTTP/1.1 503 Service Unavailable\r\nRetry-After: 7\r\nSessionId: 7\r\nContent-Length: 0\r\n\r\n";
+    // (status, SessionId, body, Retry-After ms) of each reply
+    using R = std::tuple<int, int, QByteArray, qint64>;
+    const struct { const char* name; QList<QByteArray> reads; QList<R> replies; int pending; bool close; } cases[] = {
+        {"two replies in one read", {a + b}, {R{200, 7, "{\"code\":0}", -1}, R{200, 4, "{\"msg\":\"OK\"}", -1}}, 0, false},
+        {"head split", {a.left(10), a.mid(10)}, {R{200, 7, "{\"code\":0}", -1}}, 0, false},
+        {"body split, reply and a half", {a.left(a.size() - 3), a.right(3) + b.left(20)}, {R{200, 7, "{\"code\":0}", -1}},
+         20, false},
+        {"longer than a read", {big.left(2048), big.mid(2048, 2048), big.mid(4096)}, {R{200, 7, QByteArray(5000, 'x'), -1}},
+         0, false},
+        {"chunks, extensions, trailers, any case", {chunked.left(70), chunked.mid(70)}, {R{200, 7, "{\"code\":0}", -1}}, 0,
+         false},
+        {"pretty JSON with CR LF", {pretty}, {R{200, 7, "{\r\n  \"code\": 0\r\n}", -1}}, 0, false},
+        {"body delimited by the close", {untilClose.left(40), untilClose.mid(40)}, {R{200, 7, "{\"code\":0}", -1}}, int(untilClose.size()), true},
+        {"only the header named SessionId routes", {mention}, {R{200, 7, "{}", -1}}, 0, false},
+        {"interim replies skipped, no body for 204", {interim + noContent + a}, {R{204, 2, "", -1}, R{200, 7, "{\"code\":0}", -1}},
+         0, false},
+        {"an error status and Retry-After", {refused}, {R{503, 7, "", 7000}}, 0, false},
+        {"not a reply: taken as it arrives", {"\x16\x03 garbage"}, {R{0, 0, "", -1}}, 0, false},
+        {"broken framing: taken as it arrives", {"HTTP/1.1 200 OK\r\nContent-Length: x\r\n\r\n{}"}, {R{0, 0, "", -1}}, 0, false},
+        {"status line prefix waits", {"HTT"}, {}, 3, false},
+        {"absurd length is not waited for", {"HTTP/1.1 200 OK\r\nContent-Length: 999999999999\r\n\r\n{}"}, {R{0, 0, "", -1}},
+         0, false},
     };
     for (const auto& c : cases) {
         ReplyFramer framer;
-        QList<QByteArray> got;
+        QList<ServerReply> got;
         for (const QByteArray& r : c.reads)
             got += framer.feed(r);
-        EXPECT_EQ(got, c.replies) << c.name;
         EXPECT_EQ(framer.pending(), c.pending) << c.name;
+        EXPECT_EQ(framer.waitingForClose(), c.close) << c.name;
+        got += framer.finish();
+        QList<R> seen;
+        for (const ServerReply& r : got)
+            seen.append(R{r.status, r.sessionId(), r.body, r.retryAfterMs()});
+        EXPECT_EQ(seen, c.replies) << c.name;
     }
     ReplyFramer framer;     // a reset (the link was lost) forgets a partial reply
     EXPECT_TRUE(framer.feed(a.left(30)).isEmpty());
     framer.reset();
-    EXPECT_EQ(framer.feed(a), QList<QByteArray>{a});
+    EXPECT_EQ(framer.feed(a).size(), 1);
 }
 
 // The builders take the device identifier and the servers when they are made.

@@ -5,6 +5,8 @@
 
 #include "NetWorkConsole.h"
 #include "QEL_ItemHeartBeat.h"
+#include <QSet>
+
 #include "QEL_Reconnector.h"
 #include "QEL_SocketInline.h"
 #include "RetError.h"
@@ -70,6 +72,18 @@ TEST(Reconnector, BackoffDoublesToItsCap)
         EXPECT_EQ(reconnectDelayMs(failures), expected[failures]) << failures;
     EXPECT_EQ(reconnectDelayMs(1000), 5000);
     EXPECT_EQ(reconnectDelayMs(3, 10, 1000), 40);
+    // Each wait is drawn from [0, step]: spread over it, not bunched at its end.
+    QSet<int> seen;
+    int below = 0;
+    for (int i = 0; i < 1000; ++i) {
+        const int ms = jitteredMs(5000);
+        ASSERT_TRUE(ms >= 0 && ms <= 5000) << ms;
+        seen.insert(ms / 500);
+        below += ms < 2500;
+    }
+    EXPECT_EQ(seen.size(), 10);
+    EXPECT_TRUE(below > 400 && below < 600) << below;
+    EXPECT_EQ(jitteredMs(0), 0);
 }
 
 }  // namespace
