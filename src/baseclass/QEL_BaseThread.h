@@ -50,7 +50,7 @@ public:
     QEL_SendQueue queue;
 
     static const int kReplyWaitMs = 30000;
-    static const int kMaxRetryAfterMs = 60000;
+    static constexpr int kMaxRetryAfterMs = 60000;
 
 protected:
     void run() override;

@@ -20,6 +20,10 @@ public:
 
     virtual QEL_BaseSocket* infoSocket() = 0;
     virtual QEL_BaseSocket* fileSocket() = 0;
+    // The file server again, on a connection of its own for the template
+    // removals the INFO thread sends: a time-out or a close there never cuts
+    // an upload of the FILE thread short.
+    virtual QEL_BaseSocket* removalSocket() = 0;
     virtual QEL_BaseThread* infoThread() = 0;
     virtual QEL_BaseThread* fileThread() = 0;
 

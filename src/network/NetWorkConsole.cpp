@@ -55,7 +55,9 @@ NetWorkConsole::NetWorkConsole(QObject* parent, const QEL_Settings& conf, const 
     socketInline = new QEL_SocketInline(parent);
     socketFile = new QEL_SocketFile(parent, conf.serverip_file, conf.serverport_file);
     socketInfo = new QEL_SocketInfo(parent, conf.serverip_info, conf.serverport_info);
+    socketRemoval = new QEL_SocketFile(parent, conf.serverip_file, conf.serverport_file);
     wireServerSocket(socketFile);
+    wireServerSocket(socketRemoval);
     wireServerSocket(socketInfo);
 
     threadInfo = new QEL_BaseThread(this);
@@ -108,6 +110,7 @@ void NetWorkConsole::stop()
     socketInline->closeForStop();
     socketInfo->closeForStop();
     socketFile->closeForStop();
+    socketRemoval->closeForStop();
     threadInfo->shutdown();
     threadFile->shutdown();
     threadInline->shutdown();
@@ -145,6 +148,7 @@ void NetWorkConsole::wireServerSocket(QEL_BaseSocket* socket)
 
 QEL_BaseSocket* NetWorkConsole::infoSocket() { return socketInfo; }
 QEL_BaseSocket* NetWorkConsole::fileSocket() { return socketFile; }
+QEL_BaseSocket* NetWorkConsole::removalSocket() { return socketRemoval; }
 QEL_BaseThread* NetWorkConsole::infoThread() { return threadInfo; }
 QEL_BaseThread* NetWorkConsole::fileThread() { return threadFile; }
 

@@ -72,10 +72,12 @@ public:
 
     QEL_BaseSocket* infoSocket() override;
     QEL_BaseSocket* fileSocket() override;
+    QEL_BaseSocket* removalSocket() override;
     QEL_BaseThread* infoThread() override;
     QEL_BaseThread* fileThread() override;
 
     QEL_SocketFile* socketFile = nullptr;
+    QEL_SocketFile* socketRemoval = nullptr;
     QEL_SocketInfo* socketInfo = nullptr;
     QEL_SocketInline* socketInline = nullptr;
     QEL_BaseThread* threadInfo = nullptr;

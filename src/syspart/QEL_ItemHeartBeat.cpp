@@ -58,8 +58,13 @@ bool QEL_ItemHeartBeat::isChkHeartBack()
     const qint64 last = lastHeart.toUTC().toMSecsSinceEpoch();
     if (heartAcknowledged(now, last, socket->connected))
         return true;
+    // A server that closes idle connections (many do after a few seconds)
+    // has not let a heartbeat go unanswered: the next one goes on a new
+    // connection, quietly.
+    const bool closedWhileIdle = heartAcknowledged(now, last, true) && !socket->isQel();
     socket->connected = false;
-    LOG(INFO) << "error:" << 13 << "(heart time out)";
+    if (!closedWhileIdle)
+        LOG(INFO) << "error:" << 13 << "(heart time out)";
     // The reconnect's outcome finishes this tick: a heartbeat when it worked,
     // the "/reline/" notice when it did not.
     Item_NetErrorOperate(RET_HEART_TIMEOUT, "heart_noconnected");

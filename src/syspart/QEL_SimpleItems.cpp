@@ -7,7 +7,7 @@
 
 RetError QEL_ItemDelTemp::Item_Init()
 {
-    socket = itemHost()->fileSocket();
+    socket = itemHost()->removalSocket();
     thread = itemHost()->infoThread();
     return RET_OK;
 }

@@ -29,8 +29,8 @@ class QEL_ItemTelInfo : public QEL_SimpleItem<CHttp_TelInfo, 16> { using QEL_Sim
 class QEL_ItemStatistics2 : public QEL_SimpleItem<CHttp_Statistics2, 18> { using QEL_SimpleItem::QEL_SimpleItem; };
 class QEL_ItemDetectCancle : public QEL_SimpleItem<CHttp_DetectCancle, 20> { using QEL_SimpleItem::QEL_SimpleItem; };
 
-// Removing a template goes to the file server, queued with the INFO requests;
-// the file connection is closed after each answer.
+// Removing a template goes to the file server, queued with the INFO requests,
+// on a connection of its own that is closed after each answer.
 class QEL_ItemDelTemp : public QEL_SimpleItem<CHttp_DelTemp, 11>
 {
 public:

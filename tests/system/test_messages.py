@@ -5,12 +5,15 @@ by side, each agent in namespaces of its own."""
 
 import http.server
 import json
+import os
 import re
+import socket
+import subprocess
 import threading
 import time
 import unittest
 
-from qeltest import HOST, STATS, AgentTestCase, read_failhistory
+from qeltest import ALARM, HOST, STATS, AgentTestCase, read_failhistory
 
 NOTICE = (b"POST /%s/ HTTP/1.1\r\nContent-type: application/json%s\nConnection: keep-alive\r\nSessionId: %d\r\n"
           b"User-Agent: INFO\r\nContent-Length: 0\r\n\r\n")
@@ -31,6 +34,26 @@ SIMPLE_ITEMS = [
 ]
 
 
+NGINX = """daemon off; user root; worker_processes 1; pid {w}/nginx.pid; error_log {w}/nginx-error.log;
+events {{ worker_connections 64; }}
+http {{
+    access_log {w}/nginx-access.log; client_body_temp_path {w}/nginx-body; proxy_temp_path {w}/nginx-proxy;
+    fastcgi_temp_path {w}/nginx-fcgi; uwsgi_temp_path {w}/nginx-uwsgi; scgi_temp_path {w}/nginx-scgi;
+    server {{ listen 127.0.0.1:{info}; location / {{
+        proxy_pass http://127.0.0.1:{sim_info}; proxy_http_version 1.1; proxy_set_header Connection ""; }} }}
+    # its default body limit, 1 MiB, in front of the file port
+    server {{ listen 127.0.0.1:{file}; location / {{
+        proxy_pass http://127.0.0.1:{sim_file}; proxy_http_version 1.1; proxy_set_header Connection ""; }} }}
+}}
+"""
+
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
 class RealInfoServer(http.server.ThreadingHTTPServer):
     """The INFO port served by Python's own HTTP stack, each answer in the
     shape the next entry of `shapes` names (then "plain")."""
@@ -48,6 +71,7 @@ class RealInfoServer(http.server.ThreadingHTTPServer):
 
 class RealInfoHandler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
+    timeout = 3         # an idle connection is closed, as Node's keep-alive time-out does
 
     def log_message(self, *args):
         pass
@@ -127,6 +151,18 @@ class Messages(AgentTestCase):
         self.assertEqual((req["port_name"], req["body"], dict(req["headers"])["Host"]),
                          ("file", "name=t1.bmp", "127.0.0.1:%d" % self.file_port))
         ag.wait_log(r"socket:\(the socket FILE disconnected\)")
+        # On a connection of its own: its answer, which closes that connection,
+        # never cuts short an archive upload of the FILE thread.
+        srv.throttle(256, port="file")
+        slow = self.write(ALARM, count=2, size=400 * 1024, prefix="slow")     # about 3 s at 256 KiB/s
+        app.send(ALARM, "")
+        ag.wait_log(r"send:5\(file write to socket alread\)")
+        app.send(11, "name=t2.bmp")
+        req = srv.wait_request(path=REMOVE_TEMPLATE, count=2)[1]
+        self.wait_uploaded(slow)
+        self.assertNotEqual(req["conn"], srv.archives()[-1]["conn"])
+        self.assert_uploaded_once(slow)
+        srv.throttle(None, port="file")
         # Queries forward the server's answer to the application.
         for msg_type, path in ((14, "/vmu/device/initial"), (17, "/vmu/device/reminder")):
             app.send(msg_type, "q")
@@ -200,7 +236,8 @@ class Messages(AgentTestCase):
         with the connection, CR LF pretty JSON, a 100 Continue first, a header
         that only mentions SessionId; 503 with Retry-After and a proxy's 502
         are not answers: nothing is removed, the message goes again after the
-        stated time and is delivered once."""
+        stated time and is delivered once. Idle connections are closed by the
+        server: the heartbeat reconnects quietly."""
         real = RealInfoServer()
         self.addCleanup(real.stop)
         srv, app, ag = self.start_all(db_overrides={"serverport_info": str(real.server_address[1])}, wait_login=False)
@@ -222,6 +259,50 @@ class Messages(AgentTestCase):
         self.assertEqual(len(re.findall(r"recv:7\(status 50[23] is not an answer", ag.log_text())), 2)
         ag.wait_log(r"heart:\(recv heartpage back r:1\)", timeout=30)
         self.assertNotIn("no answer within", ag.log_text())
+        self.assertNotIn("heart time out", ag.log_text())     # the idle connection's close is no time-out
+        self.assert_clean()
+
+    def test_behind_nginx(self):
+        """nginx (Debian's) in front of the simulator: the message road through
+        it; its own 502 while the backend is away is not an answer (the message
+        goes again once it is back); its 413 for an archive over its 1 MiB
+        limit costs two sends, not a storm, the archive waits in the failure
+        directory and the one queued behind it goes."""
+        srv = self.server_sim()
+        ports = {"w": self.work, "info": free_port(), "file": free_port(), "sim_info": srv.info_port,
+                 "sim_file": srv.file_port}
+        with open(self.path("nginx.conf"), "w") as f:
+            f.write(NGINX.format(**ports))
+        nginx = subprocess.Popen(["nginx", "-c", self.path("nginx.conf"), "-p", self.work])
+        self.addCleanup(nginx.wait, 10)
+        self.addCleanup(nginx.terminate)
+        self.wait_until(lambda: os.path.exists(self.path("nginx.pid")), 10, "nginx up")
+        big = self.write(ALARM, count=10, size=150 * 1024, prefix="big")     # one archive of 1.5 MB
+        _, app, ag = self.start_all(server=False, db_overrides={"serverport_info": str(ports["info"]),
+                                                               "serverport_file": str(ports["file"])})
+        self.srv = srv
+        ag.wait_log(r"recv:3\(result:-- success --\)")
+        ag.wait_log(r"recv:5\(status 413 is not an answer")
+        small = self.write(ALARM, count=1, prefix="small")     # queued behind it
+        app.send(ALARM, "")
+        self.wait_uploaded(small)
+        self.wait_until(lambda: self.archives_in(self.faildir(ALARM)), 20, "the refused archive kept")
+        with open(self.path("nginx-access.log")) as f:
+            access = f.read()
+        self.assertEqual(len(re.findall(r'"POST /videowatch/uploadImg/saveTarGz/[^"]*" 413 ', access)), 2, access)
+        self.assertFalse(set(map(self.member, big)) & set(self.uploaded()))
+        bodies = ['{"via":"nginx %d"}' % i for i in range(3)]
+        for body in bodies:
+            self.send_and_ack(7, body)
+        self.delivered(bodies, 10)
+        srv.down(port="info")
+        self.send_and_ack(7, '{"via":"502"}')
+        ag.wait_log(r"recv:7\(status 502 is not an answer")
+        srv.up(port="info")
+        self.delivered(['{"via":"502"}'], 10)
+        self.wait_until(lambda: not read_failhistory(self.db), 5, "the failure history emptied")
+        got = [r["body"] for r in srv.requests(path=STATS)]
+        self.assertEqual(sorted(got), sorted(bodies + ['{"via":"502"}']))     # each once
         self.assert_clean()
 
     def test_replies_are_framed_by_their_length(self):
