@@ -21,7 +21,8 @@ back. Reported:
     for gnuplot (--plot);
   - the time until every agent is back (a request of its own reached the
     server again);
-  - messages acknowledged by the agents and never delivered (after a drain);
+  - messages acknowledged by the agents: delivered, kept in an agent's
+    failure history at the stop (sent at its next start), lost;
   - memory: PSS per idle agent (smaps_rollup), and idle CPU per agent.
 
 Bounded: N <= 200, every phase has a time limit, the agents are stopped at
@@ -32,10 +33,12 @@ import json
 import os
 import signal
 import socket
+import sqlite3
 import subprocess
 import sys
 import threading
 import time
+from contextlib import closing
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 SYSTEM = os.path.join(ROOT, "tests", "system")
@@ -96,6 +99,10 @@ class ServerFront:
     def down(self):
         for name, s in self.listeners.items():
             os.unlink(os.path.join(self.sockdir, name + ".sock"))
+            try:
+                s.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass
             s.close()
         self.listeners = {}
         with self.lock:
@@ -142,15 +149,17 @@ def child(a):
         agent = subprocess.Popen([a.binary, db], cwd=work, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                  stderr=err)
     print(json.dumps({"index": a.index, "pid": agent.pid}), flush=True)
-    stop = threading.Event()
-    signal.signal(signal.SIGTERM, lambda *_: stop.set())
-    acked, sent, n = [], 0, 0
+    stop = []       # a plain list: the handler must take no lock the main thread may hold
+    signal.signal(signal.SIGTERM, lambda *_: stop.append(1))
+    acked, sent, n, errors = [], 0, 0, []
     app.wait_connected(30)
     next_at = time.monotonic()
-    while not stop.is_set():
-        stop.wait(max(0.0, next_at - time.monotonic()))
+    while not stop:
+        time.sleep(min(0.1, max(0.0, next_at - time.monotonic())))
+        if time.monotonic() < next_at:
+            continue
         next_at += a.period
-        if stop.is_set() or not app.connected():
+        if stop or not app.connected():
             continue
         body = '{"fleet":%d,"n":%d}' % (a.index, n)
         n += 1
@@ -160,8 +169,8 @@ def child(a):
             sent += 1
             app.wait_notice("back", since=mark, timeout=5)
             acked.append(body)
-        except Exception:   # not acknowledged: not counted as acknowledged
-            pass
+        except Exception as e:   # not acknowledged: not counted as acknowledged
+            errors.append(repr(e))
     agent.send_signal(signal.SIGTERM)
     try:
         agent.wait(10)
@@ -170,7 +179,8 @@ def child(a):
     for r in relays:
         r.close()
     app.stop()
-    print(json.dumps({"index": a.index, "sent": sent, "acked": acked}), flush=True)
+    with open(os.path.join(work, "report.json"), "w") as f:
+        json.dump({"index": a.index, "sent": sent, "acked": acked, "errors": errors[:5]}, f)
 
 
 class ChildRelay:
@@ -193,6 +203,10 @@ class ChildRelay:
                 self.listener = s
                 threading.Thread(target=self.accept, args=(s,), daemon=True).start()
             elif not there and self.listener is not None:
+                try:
+                    self.listener.shutdown(socket.SHUT_RDWR)     # wakes its accept
+                except OSError:
+                    pass
                 self.listener.close()
                 self.listener = None
                 for c in self.conns:
@@ -223,6 +237,13 @@ class ChildRelay:
 
 
 # ---- the fleet ----------------------------------------------------------------------
+
+def killpg(pgid, signo):
+    try:
+        os.killpg(pgid, signo)
+    except OSError:
+        pass
+
 
 def pss_kib(pid):
     try:
@@ -260,15 +281,15 @@ def fleet(a):
             children.append(subprocess.Popen(
                 ["unshare", "--net", "--ipc", "--uts", "--mount", "--fork", "--kill-child=SIGTERM", sys.executable, me,
                  a.binary, "--child", str(i), "--workdir", work, "--sockdir", sockdir, "--period", str(1.0 / a.rate)],
-                stdout=subprocess.PIPE, universal_newlines=True))
+                stdout=subprocess.PIPE, universal_newlines=True, start_new_session=True))
         for c in children:
             line = json.loads(c.stdout.readline())
             pids[line["index"]] = line["pid"]
         say("%d agents started; steady for %d s" % (a.n, a.steady))
-        time.sleep(min(a.steady, 20))
+        time.sleep(a.steady / 3.0)        # every agent up and logged in
         cpu0 = {i: cpu_s(p) for i, p in pids.items()}
         t0 = time.monotonic()
-        time.sleep(max(0, a.steady - 20))
+        time.sleep(a.steady * 2 / 3.0)
         idle_cpu = [(cpu_s(p) - cpu0[i]) / (time.monotonic() - t0) * 100 for i, p in pids.items()]
         pss = [pss_kib(p) / 1024.0 for p in pids.values()]
         say("server away for %d s" % a.down)
@@ -297,21 +318,37 @@ def fleet(a):
         all_back = time.monotonic() - up_at if len(back()) == a.n else float("nan")
         time.sleep(5)
     finally:
+        for c in children:      # its namespace's processes: unshare, the runner, the agent
+            killpg(c.pid, signal.SIGTERM)
+        reported = lambda: sum(os.path.exists(os.path.join(work, "agent-%03d" % i, "report.json")) for i in range(a.n))
+        deadline = time.monotonic() + 40
+        while reported() < len(children) and time.monotonic() < deadline:
+            time.sleep(0.2)
         for c in children:
-            c.send_signal(signal.SIGTERM)
-        for c in children:
+            killpg(c.pid, signal.SIGKILL)
+            c.stdout.close()
+            c.wait()
+        for i in range(a.n):
             try:
-                out = c.communicate(timeout=30)[0]
-                for line in out.splitlines():
-                    r = json.loads(line)
-                    if "acked" in r:
-                        reports[r["index"]] = r
-            except subprocess.TimeoutExpired:
-                c.kill()
+                with open(os.path.join(work, "agent-%03d" % i, "report.json")) as f:
+                    reports[i] = json.load(f)
+            except (OSError, ValueError):
+                say("agent %d: no report" % i)
         front.down()
     delivered = {r["body"] for r in sim.requests(path=STATS)}
     acked = [b for r in reports.values() for b in r["acked"]]
-    lost = [b for b in acked if b not in delivered]
+    # Acknowledged and still in an agent's failure history at the stop: kept for
+    # its next start, not lost.
+    kept = set()
+    for i in range(a.n):
+        db = os.path.join(work, "agent-%03d" % i, "sysconf.db")
+        try:
+            with closing(sqlite3.connect("file:%s?mode=ro" % db, uri=True, timeout=10)) as con:
+                kept |= {t.split("\r\n\r\n", 1)[-1] for (t,) in con.execute("select 内容 from info_failhistory")}
+        except sqlite3.Error:
+            pass
+    lost = [b for b in acked if b not in delivered and b not in kept]
+    still_kept = [b for b in acked if b not in delivered and b in kept]
     sim.stop()
 
     arrivals = front.arrivals["info"]
@@ -331,13 +368,16 @@ def fleet(a):
                     counts[int((t - down_at) * 10)] = counts.get(int((t - down_at) * 10), 0) + 1
             for k in range(-50, int((end - down_at) * 10) + 20):
                 f.write("%.1f %d\n" % (k / 10.0, counts.get(k, 0)))
-    table(["agents", "acked", "delivered", "lost", "all back s", "attempts/100 ms peak", "mean", "peak/mean",
+    table(["agents", "acked", "delivered", "kept", "lost", "all back s", "attempts/100 ms peak", "mean", "peak/mean",
            "PSS/agent MiB median", "max", "idle CPU %/agent median"],
-          [(a.n, len(acked), len(acked) - len(lost), len(lost), "%.1f" % all_back, peak, "%.2f" % mean,
+          [(a.n, len(acked), len(acked) - len(lost) - len(still_kept), len(still_kept), len(lost), "%.1f" % all_back, peak, "%.2f" % mean,
             "%.1f" % (peak / mean if mean else float("nan")), "%.1f" % percentile(pss, 50), "%.1f" % max(pss or [0]),
             "%.2f" % percentile(idle_cpu, 50))])
     if lost:
         say("lost: %s" % lost[:10])
+    errors = [e for r in reports.values() for e in r["errors"]]
+    if errors:
+        say("not acknowledged: %d, e.g. %s" % (len(errors), errors[:3]))
     if not a.keep:
         subprocess.run(["rm", "-rf", work])
     else:

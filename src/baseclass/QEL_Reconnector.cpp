@@ -34,6 +34,10 @@ QEL_Reconnector::QEL_Reconnector(Hooks hooks, QObject* parent, int attemptMs, in
     , maxDelayMs_(maxDelayMs)
 {
     retry_.setSingleShot(true);
+    // A coarse timer is moved to a round moment of the machine's clock (up
+    // to 5 % later), the same moment in every agent: the drawn waits would
+    // come back together in waves a second apart.
+    retry_.setTimerType(Qt::PreciseTimer);
     connect(&retry_, &QTimer::timeout, this, &QEL_Reconnector::begin);
     deadline_.setSingleShot(true);
     connect(&deadline_, &QTimer::timeout, this, [this] {

@@ -102,7 +102,9 @@ RetError QEL_ItemHeartBeat::Item_NetErrorOperate(RetError error, const QString& 
     if (reconnecting_)
         return ERR_NetNoConnect;
     reconnecting_ = true;
-    socket->requestConnect(QEL_BaseSocket::ConnectWhen::Now, [this](bool ok) {
+    // Within the back-off (at once after a working connection): a fleet whose
+    // heartbeats tick together does not come back in one wave.
+    socket->requestConnect(QEL_BaseSocket::ConnectWhen::Backoff, [this](bool ok) {
         reconnecting_ = false;
         if (ok) {
             socket->connected = true;
