@@ -12,18 +12,7 @@
 
 namespace {
 const int kSendWriteWaitMs = 30000;
-QEL_ItemHost* gHost = nullptr;
 }  // namespace
-
-QEL_ItemHost* itemHost()
-{
-    return gHost;
-}
-
-void setItemHost(QEL_ItemHost* host)
-{
-    gHost = host;
-}
 
 QEL_BaseItem::QEL_BaseItem(QObject* parent)
     : QObject(parent)
@@ -41,8 +30,8 @@ QEL_BaseItem::~QEL_BaseItem()
 
 RetError QEL_BaseItem::Item_Init()
 {
-    socket = itemHost()->infoSocket();
-    thread = itemHost()->infoThread();
+    socket = host()->infoSocket();
+    thread = host()->infoThread();
     return RET_OK;
 }
 
@@ -98,9 +87,9 @@ void QEL_BaseItem::startSending()
     const bool idle = !t->isSending();
     socket->requestConnect(
         QEL_BaseSocket::ConnectWhen::Backoff,
-        [t, idle](bool ok) {
+        [t, idle, host = host_](bool ok) {
             if (!ok && idle)
-                itemHost()->reportLinkLost();
+                host->reportLinkLost();
             t->startSend();
         },
         QString("queue:%1").arg(reinterpret_cast<quintptr>(t)));

@@ -11,6 +11,7 @@
 class CHttpBase;
 class QEL_BaseSocket;
 class QEL_BaseThread;
+class QEL_ItemHost;
 
 // One kind of message to the server. The item's number is its index in the
 // console's item table and the "SessionId" of its requests, so replies come
@@ -47,6 +48,8 @@ public:
 
     // True when this item can send: it has a socket and a send thread.
     bool canSend() const { return socket != nullptr && thread != nullptr; }
+    // Before Item_Init: the object that wires the items together.
+    void setHost(QEL_ItemHost* host) { host_ = host; }
 
     CHttpBase* http = nullptr;          // owned
     QEL_BaseSocket* socket = nullptr;   // not owned
@@ -57,6 +60,11 @@ public:
     QDateTime lastTime;
     qint32 number = 0;
 
+private:
+    QEL_ItemHost* host_ = nullptr;
+
+public:
+
 signals:
     void sigNoConnected();
 
@@ -64,6 +72,8 @@ public slots:
     void SlotReConnecting();
 
 protected:
+    QEL_ItemHost* host() const { return host_; }
+
     // Has the main thread write `request` on this item's socket. False when
     // the socket is not (or turned out not to be) connected.
     bool writeRequest(const QString& request);

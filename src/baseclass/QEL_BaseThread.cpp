@@ -140,7 +140,7 @@ bool QEL_BaseThread::waitForWake(int ms)
 
 void QEL_BaseThread::drain()
 {
-    QEL_ItemHost* host = itemHost();
+    QEL_ItemHost* host = host_;
     for (;;) {
         QEL_QueuedRequest head;
         if (quit_ || !queue.take(head)) {

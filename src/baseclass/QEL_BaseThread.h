@@ -10,6 +10,7 @@
 #include "QEL_SendQueue.h"
 
 class QEL_BaseSocket;
+class QEL_ItemHost;
 
 // Drains a queue of complete request texts towards the server, one request
 // in flight: send the head, wait for its answer, go on.
@@ -44,6 +45,9 @@ public:
     // replies that were not answers).
     void answered(int number);
 
+    // Before the first pass: the object that wires the items together.
+    void setHost(QEL_ItemHost* host) { host_ = host; }
+
     // Stops the thread for good (waits for the pass under way to end).
     void shutdown();
 
@@ -72,6 +76,7 @@ private:
     bool startRequested_ = false;
     bool sending_ = false;
     std::atomic<bool> quit_{false};
+    QEL_ItemHost* host_ = nullptr;
     std::atomic<QEL_BaseSocket*> flightSocket_{nullptr};
     std::atomic<int> backoffMs_{0};     // before the next send, after a reply that was not an answer
     int notAnswers_ = 0;                // main thread: such replies since the last answer

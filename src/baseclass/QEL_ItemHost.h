@@ -12,7 +12,9 @@ class ShellCommand;
 // from the object that wires them together (the network console): the
 // shared sockets and threads, the items by number, the login state, the
 // image packer and the reports towards the application. It is their only
-// way to the console, so they can be built and tested with a fake host.
+// way to the console, so they can be built and tested with a fake host; the
+// console hands itself to each of them as it makes them (setHost), before
+// any of them runs.
 class QEL_ItemHost
 {
 public:
@@ -54,7 +56,3 @@ public:
     // Any thread: queue a text for the application.
     virtual void sendInfoToInline(const QString& text) = 0;
 };
-
-// Set once by the console before any item or thread runs.
-QEL_ItemHost* itemHost();
-void setItemHost(QEL_ItemHost* host);

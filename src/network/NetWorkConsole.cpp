@@ -27,8 +27,6 @@
 NetWorkConsole::NetWorkConsole(QObject* parent, const QEL_Settings& conf, const QString& dbPath)
     : QObject(parent)
 {
-    setItemHost(this);
-
     const HttpPeers peers = conf.httpPeers();
     items[0] = new QEL_ItemNone(this);
     items[1] = new QEL_ItemOperaRecord(this, peers);
@@ -64,6 +62,10 @@ NetWorkConsole::NetWorkConsole(QObject* parent, const QEL_Settings& conf, const 
     threadFile = new QEL_BaseThread(this);
     threadInline = new QEL_ThreadInLine(this);
     threadInline->setSocket(socketInline);
+    threadInfo->setHost(this);
+    threadFile->setHost(this);
+    for (QEL_BaseItem* item : items)
+        item->setHost(this);
     threadInfo->queue.setTypeOf(&NetWorkConsole::ParseTypeFromInfo);
     threadFile->queue.setTypeOf(&NetWorkConsole::ParseTypeFromInfo);
 
@@ -96,7 +98,6 @@ NetWorkConsole::~NetWorkConsole()
 {
     stop();
     delete watcher;
-    setItemHost(nullptr);
 }
 
 void NetWorkConsole::stop()

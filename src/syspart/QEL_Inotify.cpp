@@ -7,8 +7,6 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
-#include "QEL_ItemHost.h"
-#include "QEL_BaseItem.h"
 
 namespace {
 const int kQuietMs = 1000;
@@ -67,10 +65,9 @@ void QEL_Inotify::addWatch(const QStringList& dirs)
     paths.append(dirs);
 }
 
-void QEL_Inotify::Init()
+void QEL_Inotify::Init(const QStringList& dirs)
 {
-    addWatch(itemHost()->item(5)->workList);
-    addWatch(itemHost()->item(6)->workList);
+    addWatch(dirs);
     start(QThread::InheritPriority);
 }
 

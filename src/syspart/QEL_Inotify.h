@@ -44,8 +44,8 @@ public:
     // Adds the directories in order (IN_CREATE | IN_DELETE); their watch
     // descriptors index `paths`.
     void addWatch(const QStringList& dirs);
-    // Watches the two image items' directories and starts the thread.
-    void Init();
+    // Watches `dirs` (the image items' directories) and starts the thread.
+    void Init(const QStringList& dirs);
     // Ends the thread, whenever it is called: also right after start(),
     // before run() has begun. The thread waits in poll(); the wake-up
     // descriptor ends the wait.

@@ -71,10 +71,10 @@ QEL_ItemAlarmImage::QEL_ItemAlarmImage(QObject* parent, const QEL_Settings& conf
 
 RetError QEL_ItemAlarmImage::Item_Init()
 {
-    socket = itemHost()->fileSocket();
-    thread = itemHost()->fileThread();
-    packer_ = &itemHost()->imagePacker();
-    shell_ = &itemHost()->packerShell();
+    socket = host()->fileSocket();
+    thread = host()->fileThread();
+    packer_ = &host()->imagePacker();
+    shell_ = &host()->packerShell();
     workList = imageDirs();
     // Start-up does not wait for the packing.
     packer_->post([this] { look(true); });
@@ -154,7 +154,7 @@ void QEL_ItemAlarmImage::look(bool atStart)
             return;     // stopping: the rest is taken at the next start
     }
     QDateTime since;
-    if (!atStart && itemHost()->secondState())
+    if (!atStart && host()->secondState())
         since = defaultMoment();
     else
         Item_GetTimeFile(since);
@@ -513,7 +513,7 @@ bool QEL_ItemAlarmImage::streamFile(QFile& file)
 RetError QEL_ItemAlarmImage::Item_NetErrorOperate(RetError, const QString& path)
 {
     if (thread->queue.giveUp(path)) {
-        itemHost()->sendInfoToInline(path);
+        host()->sendInfoToInline(path);
         runShell(QString("mv -f %1 %2").arg(shellQuote(path), shellQuote(failDir)));
     }
     socket->reserved = -1;

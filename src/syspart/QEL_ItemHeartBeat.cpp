@@ -43,11 +43,11 @@ void QEL_ItemHeartBeat::timerEvent(QTimerEvent* event)
 {
     const QString name = timers.value(event->timerId(), "null");
     if (name == "timer_heart") {
-        if (itemHost()->loggedIn() && isChkHeartBack())
+        if (host()->loggedIn() && isChkHeartBack())
             sendHeart();
     } else if (name == "timer_savefail") {
         LOG(INFO) << "savefail:" << "(update info_failhistory ok)";
-        itemHost()->refreshFailHistory();
+        host()->refreshFailHistory();
     }
     QEL_BaseItem::timerEvent(event);
 }
@@ -80,7 +80,7 @@ void QEL_ItemHeartBeat::sendHeart()
     if (!socket->writeNow(request.toUtf8()))
         return;
     CHttp_AppBack back;
-    itemHost()->sendInfoToInline(back.BackHeart());
+    host()->sendInfoToInline(back.BackHeart());
     LOG(INFO) << "heart:" << "(send to service and application ok)";
 }
 
@@ -111,7 +111,7 @@ RetError QEL_ItemHeartBeat::Item_NetErrorOperate(RetError error, const QString& 
             lastHeart = QDateTime::currentDateTimeUtc();
             sendHeart();
         } else {
-            itemHost()->reportLinkLost();
+            host()->reportLinkLost();
         }
     }, QString(), true);
     return RET_OK;

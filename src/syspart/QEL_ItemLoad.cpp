@@ -31,7 +31,7 @@ RetError QEL_ItemLoad::Item_NetRecvOperate(const QString& body)
 {
     QString code;
     CHttpBase::getBuffItem(body, "code", code);
-    itemHost()->setLoggedIn(code == "0");
+    host()->setLoggedIn(code == "0");
     return QEL_BaseItem::Item_NetRecvOperate(body);
 }
 

@@ -44,6 +44,14 @@ const K* findKey(const QString& name)
     return nullptr;
 }
 
+// Digits only (no sign, no spaces), from `low` to `high`.
+bool wholeNumberIn(const QString& value, int low, int high)
+{
+    bool ok = false;
+    const int n = value.toInt(&ok, 10);
+    return ok && !value.startsWith(QLatin1Char('+')) && n >= low && n <= high;
+}
+
 // Values travel through the UTF-8 C-string codec on their way into SQL.
 QString viaUtf8(const QString& s)
 {
@@ -207,20 +215,14 @@ QString QEL_SQLConf::problemWith(const QString& key, const QString& value)
             return QStringLiteral("not an IPv4 address such as 10.1.2.3");
         break;
     }
-    case K::Port: {
-        bool ok = false;
-        const int port = value.toInt(&ok, 10);
-        if (!ok || value.startsWith(QLatin1Char('+')) || port < 1 || port > 65535)
+    case K::Port:
+        if (!wholeNumberIn(value, 1, 65535))
             return QStringLiteral("not a port from 1 to 65535");
         break;
-    }
-    case K::Count: {
-        bool ok = false;
-        const int n = value.toInt(&ok, 10);
-        if (!ok || value.startsWith(QLatin1Char('+')) || n < 1 || n > 100)
+    case K::Count:
+        if (!wholeNumberIn(value, 1, 100))
             return QStringLiteral("not a whole number from 1 to 100");
         break;
-    }
     case K::Text:
         break;
     }

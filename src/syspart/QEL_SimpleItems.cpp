@@ -7,8 +7,8 @@
 
 RetError QEL_ItemDelTemp::Item_Init()
 {
-    socket = itemHost()->removalSocket();
-    thread = itemHost()->infoThread();
+    socket = host()->removalSocket();
+    thread = host()->infoThread();
     return RET_OK;
 }
 
@@ -39,7 +39,7 @@ RetError QEL_QueryItem<Builder, Number>::Item_NetRecvOperate(const QString& body
     if (QEL_BaseItem::Item_NetRecvOperate(body) != RET_OK)
         return RET_OK;
     this->http->repaceBuff(body);
-    itemHost()->sendInfoToInline(this->http->getHttp());
+    this->host()->sendInfoToInline(this->http->getHttp());
     return RET_OK;
 }
 

@@ -6,8 +6,6 @@
 #include <QFile>
 #include <QHostInfo>
 
-QEL_XMLConf* QEL_XMLConf::__pInstance = nullptr;
-
 const char* const QEL_XMLConf::kOpenError = "config.xml open error";
 const char* const QEL_XMLConf::kParseError = "parse file failed at line row and column";
 const char* const QEL_XMLConf::kNullDocument = "document is null!";
@@ -19,26 +17,26 @@ namespace {
 struct XmlKey
 {
     const char* key;
-    QString QEL_XMLConf::*field;
+    QString QEL_Settings::*field;
 };
 
 const XmlKey kXmlKeys[] = {
-    {"alarmimage", &QEL_XMLConf::alarmimage},
-    {"template", &QEL_XMLConf::template_},
-    {"apppath", &QEL_XMLConf::apppath},
-    {"failpath", &QEL_XMLConf::failpath},
-    {"logpath", &QEL_XMLConf::logpath},
-    {"qelpath", &QEL_XMLConf::qelpath},
-    {"tdata", &QEL_XMLConf::tdata},
-    {"serverip_info", &QEL_XMLConf::serverip_info},
-    {"serverip_file", &QEL_XMLConf::serverip_file},
-    {"serverip_video", &QEL_XMLConf::serverip_video},
-    {"serverport_info", &QEL_XMLConf::serverport_info},
-    {"serverport_file", &QEL_XMLConf::serverport_file},
-    {"serverport_video", &QEL_XMLConf::serverport_video},
-    {"camera", &QEL_XMLConf::camera},
-    {"detect", &QEL_XMLConf::detect},
-    {"useInlineName", &QEL_XMLConf::useInlineName},
+    {"alarmimage", &QEL_Settings::alarmimage},
+    {"template", &QEL_Settings::template_},
+    {"apppath", &QEL_Settings::apppath},
+    {"failpath", &QEL_Settings::failpath},
+    {"logpath", &QEL_Settings::logpath},
+    {"qelpath", &QEL_Settings::qelpath},
+    {"tdata", &QEL_Settings::tdata},
+    {"serverip_info", &QEL_Settings::serverip_info},
+    {"serverip_file", &QEL_Settings::serverip_file},
+    {"serverip_video", &QEL_Settings::serverip_video},
+    {"serverport_info", &QEL_Settings::serverport_info},
+    {"serverport_file", &QEL_Settings::serverport_file},
+    {"serverport_video", &QEL_Settings::serverport_video},
+    {"camera", &QEL_Settings::camera},
+    {"detect", &QEL_Settings::detect},
+    {"useInlineName", &QEL_Settings::useInlineName},
 };
 
 }  // namespace

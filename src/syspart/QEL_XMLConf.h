@@ -4,12 +4,15 @@
 #include <QObject>
 #include <QString>
 
+#include "QEL_Settings.h"
+
 // Alternative configuration source: the settings of the SQLite store read
 // from an XML file ("config.xml"). Expected layout: a root element whose
 // child elements are sections; an element inside a section whose tag is a
 // key gives that key its text. No defaults, no attributes. The result of the
-// read is left in the fields and in status.
-class QEL_XMLConf : public QObject
+// read is left in the settings (all but apppath_send, thispath and the
+// optional keys) and in status.
+class QEL_XMLConf : public QObject, public QEL_Settings
 {
     Q_OBJECT
 public:
@@ -18,26 +21,7 @@ public:
     // value = element's text when element's tag name equals key, else unchanged.
     void XMLOutValue(QDomElement element, const QString& key, QString& value);
 
-    QString alarmimage;
-    QString template_;          // key "template"
-    QString apppath;
-    QString failpath;
-    QString logpath;
-    QString qelpath;
-    QString tdata;
-    QString serverip_info;
-    QString serverip_file;
-    QString serverip_video;
-    QString serverport_info;
-    QString serverport_file;
-    QString serverport_video;
-    QString camera;
-    QString detect;
-    QString useInlineName;      // the host name after a successful parse
-
     QString status;
-
-    static QEL_XMLConf* __pInstance;
 
     static const char* const kOpenError;    // "config.xml open error"
     static const char* const kParseError;   // "parse file failed at line row and column" + line,column
