@@ -295,6 +295,8 @@ class Messages(AgentTestCase):
         for body in bodies:
             self.send_and_ack(7, body)
         self.delivered(bodies, 10)
+        # Answered too (the server sees a request before the agent has its answer).
+        self.wait_until(lambda: not read_failhistory(self.db), 5, "the failure history emptied")
         srv.down(port="info")
         self.send_and_ack(7, '{"via":"502"}')
         ag.wait_log(r"recv:7\(status 502 is not an answer")

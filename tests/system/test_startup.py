@@ -122,7 +122,7 @@ class Startup(AgentTestCase):
         for args, message in [(["init"], "File exists"),
                               (["set", "serverport_info", "80800"], 'serverport_info "80800": not a port'),
                               (["set", "alarmimage", self.work, "camera", "2"], "not an absolute directory ending in /"),
-                              (["set", "serverip_file", "10.1.2.3 "], "has white space around it"),
+                              (["set", "serverip_file", "127.0.0.2 "], "has white space around it"),
                               (["set", "serverip_infp", "127.0.0.1"], "unknown key"),
                               (["get", "serverport_infp"], "unknown key"),
                               (["show", "x"], "usage:")]:

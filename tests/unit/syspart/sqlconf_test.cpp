@@ -133,11 +133,11 @@ TEST(SQLConfValues, CheckedAsTheAgentUsesThem)
     const struct { const char *key, *value; bool usable; } cases[] = {
         {"serverport_info", "1", true}, {"serverport_file", "65535", true}, {"serverport_info", "0", false},
         {"serverport_info", "65536", false}, {"serverport_info", "+80", false}, {"serverport_info", "80 ", false},
-        {"serverip_video", "10.1.2.3", true}, {"serverip_info", "10.1.2", false}, {"serverip_info", "aoi.local", false},
+        {"serverip_video", "127.0.0.2", true}, {"serverip_info", "127.0.2", false}, {"serverip_info", "aoi.local", false},
         {"alarmimage", "/data/img/", true}, {"tdata", "/data/img", false}, {"logpath", "data/", false},
         {"camera", "4", true}, {"detect", "0", false}, {"thispath", "it's", false}, {"useInlineName", "", false},
         {"queue_limit_mb", "", true}, {"queue_limit_mb", "64", true}, {"queue_limit_mb", "-1", false},
-        {"serverip", "10.1.2.3", false},
+        {"serverip", "127.0.0.2", false},
     };
     for (const auto& c : cases)
         EXPECT_EQ(QEL_SQLConf::problemWith(c.key, c.value).isEmpty(), c.usable) << c.key << " = \"" << c.value << '"';
