@@ -51,7 +51,7 @@ sys.path.insert(0, SYSTEM)
 sys.path.insert(0, os.path.join(ROOT, "tools"))
 
 import nsrun                                     # noqa: E402
-from benchlib import AgentRuns, percentile, say, table, terminated  # noqa: E402
+from benchlib import AgentRuns, percentile, proc_stat, say, table, terminated  # noqa: E402
 
 STATS = "/vmu/device/monitor/statistics/upload"
 APP_PORT = 8890
@@ -289,19 +289,6 @@ def bench_outage(b, a):
            "projected s to deliver all", "projected h"],
           [(queued, "%.1f" % first, len(in_window), "%.1f" % rate, left, "%.0f" % projected,
             "%.2f" % (projected / 3600.0))])
-
-
-def proc_stat(pid):
-    """(CPU seconds so far, RssAnon KiB, VmRSS KiB) of `pid`."""
-    with open("/proc/%d/stat" % pid) as f:
-        fields = f.read().rsplit(")", 1)[1].split()
-    cpu = (int(fields[11]) + int(fields[12])) / float(os.sysconf("SC_CLK_TCK"))
-    mem = {}
-    with open("/proc/%d/status" % pid) as f:
-        for line in f:
-            key, _, value = line.partition(":")
-            mem[key] = value.split()[0] if value.split() else "0"
-    return cpu, int(mem.get("RssAnon", 0)), int(mem.get("VmRSS", 0))
 
 
 def seed_fast(db, port, count):

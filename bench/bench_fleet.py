@@ -46,7 +46,8 @@ sys.path.insert(0, SYSTEM)
 sys.path.insert(0, os.path.join(ROOT, "tools"))
 
 import nsrun                                     # noqa: E402
-from benchlib import percentile, say, table, terminated  # noqa: E402
+from qel_simnet import bind_listener, close_listening  # noqa: E402
+from benchlib import percentile, proc_stat, say, table, terminated  # noqa: E402
 
 PORTS = {"info": 8000, "file": 8080, "video": 8888}
 STATS = "/vmu/device/monitor/statistics/upload"
@@ -99,11 +100,7 @@ class ServerFront:
     def down(self):
         for name, s in self.listeners.items():
             os.unlink(os.path.join(self.sockdir, name + ".sock"))
-            try:
-                s.shutdown(socket.SHUT_RDWR)
-            except OSError:
-                pass
-            s.close()
+            close_listening(s)
         self.listeners = {}
         with self.lock:
             conns, self.conns = self.conns, []
@@ -196,18 +193,10 @@ class ChildRelay:
         while not self.closed:
             there = os.path.exists(self.path)
             if there and self.listener is None:
-                s = socket.socket()
-                s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-                s.bind(("127.0.0.1", self.port))
-                s.listen(16)
-                self.listener = s
+                s = self.listener = bind_listener(self.port, 16)
                 threading.Thread(target=self.accept, args=(s,), daemon=True).start()
             elif not there and self.listener is not None:
-                try:
-                    self.listener.shutdown(socket.SHUT_RDWR)     # wakes its accept
-                except OSError:
-                    pass
-                self.listener.close()
+                close_listening(self.listener)
                 self.listener = None
                 for c in self.conns:
                     try:
@@ -256,15 +245,6 @@ def pss_kib(pid):
     return 0
 
 
-def cpu_s(pid):
-    try:
-        with open("/proc/%d/stat" % pid) as f:
-            fields = f.read().rsplit(")", 1)[1].split()
-        return (int(fields[11]) + int(fields[12])) / float(os.sysconf("SC_CLK_TCK"))
-    except OSError:
-        return 0.0
-
-
 def fleet(a):
     from qel_server_sim import ServerSim
     import tempfile
@@ -287,10 +267,10 @@ def fleet(a):
             pids[line["index"]] = line["pid"]
         say("%d agents started; steady for %d s" % (a.n, a.steady))
         time.sleep(a.steady / 3.0)        # every agent up and logged in
-        cpu0 = {i: cpu_s(p) for i, p in pids.items()}
+        cpu0 = {i: proc_stat(p)[0] for i, p in pids.items()}
         t0 = time.monotonic()
         time.sleep(a.steady * 2 / 3.0)
-        idle_cpu = [(cpu_s(p) - cpu0[i]) / (time.monotonic() - t0) * 100 for i, p in pids.items()]
+        idle_cpu = [(proc_stat(p)[0] - cpu0[i]) / (time.monotonic() - t0) * 100 for i, p in pids.items()]
         pss = [pss_kib(p) / 1024.0 for p in pids.values()]
         say("server away for %d s" % a.down)
         front.down()

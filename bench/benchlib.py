@@ -28,6 +28,19 @@ def percentile(values, p):
     return values[min(len(values) - 1, max(0, int(round(p / 100.0 * (len(values) - 1)))))]
 
 
+def proc_stat(pid):
+    """(CPU seconds so far, RssAnon KiB, VmRSS KiB) of `pid`."""
+    with open("/proc/%d/stat" % pid) as f:
+        fields = f.read().rsplit(")", 1)[1].split()
+    cpu = (int(fields[11]) + int(fields[12])) / float(os.sysconf("SC_CLK_TCK"))
+    mem = {}
+    with open("/proc/%d/status" % pid) as f:
+        for line in f:
+            key, _, value = line.partition(":")
+            mem[key] = value.split()[0] if value.split() else "0"
+    return cpu, int(mem.get("RssAnon", 0)), int(mem.get("VmRSS", 0))
+
+
 def terminated(signum, frame):
     """SIGTERM handler: unshare --kill-child sends SIGTERM when it is itself
     killed; clean up as for ^C."""

@@ -60,11 +60,6 @@ public:
     QDateTime lastTime;
     qint32 number = 0;
 
-private:
-    QEL_ItemHost* host_ = nullptr;
-
-public:
-
 signals:
     void sigNoConnected();
 
@@ -88,6 +83,9 @@ protected:
         out = builder.getHttp();
         return RET_OK;
     }
+
+private:
+    QEL_ItemHost* host_ = nullptr;
 };
 
 // A member of the item family that binds nothing and sends nothing.
