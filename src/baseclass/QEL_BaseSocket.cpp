@@ -81,6 +81,7 @@ QEL_BaseSocket::QEL_BaseSocket(QObject* parent)
     // disconnect log lines come before an attempt's outcome is acted on.
     connect(this, &QTcpSocket::connected, this, [this] {
         wasUp_ = true;
+        answeredHere_ = false;
         ++connection_;
         reconnector_.attemptEnded(true);
         emit sigUp();
@@ -97,6 +98,7 @@ QEL_BaseSocket::QEL_BaseSocket(QObject* parent)
         reconnector_.attemptEnded(false);
         if (wasUp_) {
             wasUp_ = false;
+            reconnector_.connectionEnded(answeredHere_);
             emit sigDown();
         }
     });
@@ -185,6 +187,8 @@ void QEL_BaseSocket::handleReply(const ServerReply& reply)
     qDebug().noquote() << QString::fromUtf8(reply.raw.constData(), int(qstrnlen(reply.raw.constData(), uint(reply.raw.size()))));
     const int number = reply.sessionId();
     if (reply.ok()) {
+        answeredHere_ = true;
+        reconnector_.answered();
         if (number != 0)
             emit sigReply(number, QString::fromUtf8(reply.body.constData(),
                                                     int(qstrnlen(reply.body.constData(), uint(reply.body.size())))));
@@ -380,6 +384,7 @@ QEL_SocketInfo::QEL_SocketInfo(QObject* parent, const QString& peerHost, const Q
     : QEL_BaseSocket(parent)
 {
     setPeer("INFO", peerHost, peerPort);
+    reconnector().setBackOffUntilAnswered(true);
 }
 
 int QEL_SocketInfo::Init()
@@ -395,4 +400,5 @@ QEL_SocketFile::QEL_SocketFile(QObject* parent, const QString& peerHost, const Q
     : QEL_BaseSocket(parent)
 {
     setPeer("FILE", peerHost, peerPort);
+    reconnector().setBackOffUntilAnswered(true);
 }

@@ -137,6 +137,7 @@ private:
     // taken once the connection has been quiet this long.
     QTimer quiet_;
     bool wasUp_ = false;
+    bool answeredHere_ = false;            // a 2xx reply came on this connection
     quint64 connection_ = 0;               // counts established connections
     std::vector<PendingWrite> deferred_;   // asked for during a connection attempt
     std::vector<PendingWrite> inFlight_;   // written, waiting for bytesWritten

@@ -100,7 +100,10 @@ void QEL_BaseThread::linkDown(QEL_BaseSocket* socket)
 void QEL_BaseThread::notAnswered(QEL_BaseSocket* socket, int number, int status, qint64 retryAfterMs)
 {
     int inFlight = 0;
-    if (flightSocket_.load() != socket || !queue.notAnswered(number, &inFlight))
+    // A 4xx blames the request (too large, malformed), not the server's
+    // state; 408 and 429 only say "not now".
+    const bool atFault = status >= 400 && status < 500 && status != 408 && status != 429;
+    if (flightSocket_.load() != socket || !queue.notAnswered(number, &inFlight, atFault))
         return;
     ++notAnswers_;
     const int ms = qMax<int>(reconnectDelayMs(notAnswers_), int(qMin<qint64>(retryAfterMs, kMaxRetryAfterMs)));
@@ -116,6 +119,16 @@ void QEL_BaseThread::answered(int number)
     if (notAnswers_ > 0)
         LOG(INFO) << "recv:" << number << "(answered again after " << notAnswers_ << " replies that were not answers)";
     notAnswers_ = 0;
+    serverAnswered();
+}
+
+void QEL_BaseThread::serverAnswered()
+{
+    const int back = queue.takeBack();
+    if (back == 0)
+        return;
+    LOG(INFO) << "send:" << "(" << back << " given up while the server was away go again: it answers)";
+    startSend();
 }
 
 void QEL_BaseThread::pause(int ms)

@@ -31,9 +31,9 @@ public:
 
     // An answer has been handled: wake the waiting pass.
     void goThrough();
-    // The connection `socket` is gone: a request in flight on it is sent
-    // again as soon as the connection is back, without counting as
-    // unanswered.
+    // The connection `socket` is gone: a request in flight on it has gone
+    // unanswered, and is sent again once the connection is back (the
+    // reconnection's back-off), given up after the second such send.
     void linkDown(QEL_BaseSocket* socket);
     // Main thread: a reply on `socket` that is not an answer (a status
     // other than 2xx; `number`: the item its SessionId names, 0 for none).
@@ -42,8 +42,12 @@ public:
     // than the reconnection step. Said once per episode.
     void notAnswered(QEL_BaseSocket* socket, int number, int status, qint64 retryAfterMs);
     // Main thread: the request in flight was answered (ends an episode of
-    // replies that were not answers).
+    // replies that were not answers, and the server is there: see
+    // serverAnswered).
     void answered(int number);
+    // Main thread: the server answered something. What was given up while
+    // it was away goes again now.
+    void serverAnswered();
 
     // Before the first pass: the object that wires the items together.
     void setHost(QEL_ItemHost* host) { host_ = host; }

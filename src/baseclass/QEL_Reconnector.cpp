@@ -85,16 +85,33 @@ void QEL_Reconnector::begin()
     hooks_.connect();
 }
 
+void QEL_Reconnector::countFailure()
+{
+    if (failures_ < 30)
+        ++failures_;
+}
+
+void QEL_Reconnector::answered()
+{
+    failures_ = 0;
+}
+
+void QEL_Reconnector::connectionEnded(bool answered)
+{
+    if (untilAnswered_ && !answered)
+        countFailure();
+}
+
 void QEL_Reconnector::attemptEnded(bool ok)
 {
     if (!attempting_)
         return;
     attempting_ = false;
     deadline_.stop();
-    if (ok)
+    if (ok && !untilAnswered_)
         failures_ = 0;
-    else if (failures_ < 30)
-        ++failures_;
+    else if (!ok)
+        countFailure();
     emit attemptFinished(ok);
     std::vector<Waiter> waiters;
     waiters.swap(waiters_);

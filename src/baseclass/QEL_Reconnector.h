@@ -44,6 +44,16 @@ public:
     void request(When when, Done done = {}, const QString& key = {}, bool force = false);
     // The owner: the attempt under way has ended.
     void attemptEnded(bool ok);
+    // A server behind a proxy, or one that takes connections and drops
+    // them, can be connectable and still not there: with this set, only
+    // answered() ends the back-off, and a connection that ends without an
+    // answer counts as a failed attempt (connectionEnded).
+    void setBackOffUntilAnswered(bool on) { untilAnswered_ = on; }
+    // The owner: the server answered on the connection.
+    void answered();
+    // The owner: an established connection has ended; `answered` says
+    // whether anything came back on it.
+    void connectionEnded(bool answered);
 
     bool attempting() const { return attempting_; }
     bool pending() const { return attempting_ || retry_.isActive(); }
@@ -55,6 +65,7 @@ signals:
 
 private:
     void begin();
+    void countFailure();
 
     struct Waiter
     {
@@ -68,6 +79,7 @@ private:
     int maxDelayMs_;
     bool attempting_ = false;
     bool force_ = false;
+    bool untilAnswered_ = false;
     int failures_ = 0;
     QTimer retry_;
     QTimer deadline_;

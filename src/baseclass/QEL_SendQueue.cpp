@@ -4,6 +4,17 @@
 #include <QMutexLocker>
 #include <atomic>
 
+namespace {
+// The span of queueing times of what the budget drops.
+void widen(qint64 whenMs, qint64* oldestMs, qint64* newestMs)
+{
+    if (whenMs > 0 && oldestMs != nullptr && (*oldestMs == 0 || whenMs < *oldestMs))
+        *oldestMs = whenMs;
+    if (whenMs > 0 && newestMs != nullptr && whenMs > *newestMs)
+        *newestMs = whenMs;
+}
+}  // namespace
+
 QEL_SendQueue::QEL_SendQueue(TypeOf typeOf, QEL_SendJournal* journal)
     : typeOf_(std::move(typeOf))
     , journal_(journal)
@@ -108,7 +119,7 @@ bool QEL_SendQueue::isEmpty() const
 qint64 QEL_SendQueue::size() const
 {
     QMutexLocker g(&mutex_);
-    return entries_.size() + spilled_;
+    return entries_.size() + held_.size() + spilled_;
 }
 
 QStringList QEL_SendQueue::texts() const
@@ -133,7 +144,8 @@ QEL_QueuedRequest QEL_SendQueue::popHead()
         inFlight_ = 0;
     if (current_ == head.id)
         current_ = 0;
-    attempts_ = 0;      // the counter is the head's
+    attempts_ = 0;      // the counter and the refusal are the head's
+    atFault_ = false;
     fetchIfLow();
     return head;
 }
@@ -160,7 +172,7 @@ bool QEL_SendQueue::beginSend(quint64 id)
     inFlight_ = id;
     lastSent_ = id;
     answered_ = false;
-    lost_ = false;
+    away_ = false;
     return true;
 }
 
@@ -175,11 +187,10 @@ bool QEL_SendQueue::afterWait()
 {
     QMutexLocker g(&mutex_);
     // Only a request still waiting at the head has gone unanswered.
-    const bool unanswered = !answered_ && !lost_ && headIs(lastSent_);
+    const bool unanswered = !answered_ && headIs(lastSent_);
     if (unanswered)
         ++attempts_;
     answered_ = false;
-    lost_ = false;
     inFlight_ = 0;
     return unanswered;
 }
@@ -218,16 +229,19 @@ bool QEL_SendQueue::refuse(int number)
     inFlight_ = 0;
     attempts_ = 2;
     answered_ = true;
+    atFault_ = true;
     return true;
 }
 
-bool QEL_SendQueue::notAnswered(int number, int* inFlight)
+bool QEL_SendQueue::notAnswered(int number, int* inFlight, bool atFault)
 {
     QMutexLocker g(&mutex_);
     if (inFlight_ == 0 || !headIs(inFlight_) || (number != 0 && entries_.first().number != number))
         return false;
     *inFlight = entries_.first().number;
     inFlight_ = 0;
+    atFault_ = atFault_ || atFault;
+    away_ = !atFault;
     return true;
 }
 
@@ -236,8 +250,10 @@ bool QEL_SendQueue::linkLost()
     QMutexLocker g(&mutex_);
     if (inFlight_ == 0)
         return false;
+    // Counted by afterWait like a reply that never came: a server that
+    // takes every request and drops the connection gets two sends of it.
     inFlight_ = 0;
-    lost_ = true;
+    away_ = true;
     return true;
 }
 
@@ -252,31 +268,66 @@ bool QEL_SendQueue::removeDone(quint64 id)
     return true;
 }
 
-bool QEL_SendQueue::giveUp(const QString& text)
+bool QEL_SendQueue::giveUp(const QString& text, bool again, const QString& againAs)
 {
     QMutexLocker g(&mutex_);
     if (current_ == 0 || !headIs(current_) || entries_.first().text != text)
         return false;
-    const QEL_QueuedRequest head = popHead();
+    const bool away = away_ && !atFault_;
+    QEL_QueuedRequest head = popHead();
+    if (again && away && !head.again && held_.size() < kHeldBackMax) {
+        // The journal keeps knowing it by its identity: answered later, its
+        // copy goes like any other's.
+        head.again = true;
+        if (!againAs.isEmpty())
+            head.text = againAs;
+        held_.append(head);
+        return true;
+    }
     if (journal_ != nullptr)
         journal_->journalReleased(head.id);
     return true;
+}
+
+int QEL_SendQueue::takeBack()
+{
+    QMutexLocker g(&mutex_);
+    if (held_.isEmpty())
+        return 0;
+    // Never ahead of the request the send thread is handling: its answer
+    // must still find it at the head.
+    int at = !entries_.isEmpty() && (entries_.first().id == current_ || entries_.first().id == inFlight_) ? 1 : 0;
+    const int n = held_.size();
+    for (const QEL_QueuedRequest& r : held_)
+        entries_.insert(at++, r);
+    held_.clear();
+    return n;
+}
+
+int QEL_SendQueue::heldBack() const
+{
+    QMutexLocker g(&mutex_);
+    return held_.size();
 }
 
 int QEL_SendQueue::dropOldest(int count, qint64* oldestMs, qint64* newestMs)
 {
     QMutexLocker g(&mutex_);
     int dropped = 0;
+    while (dropped < count && !held_.isEmpty()) {
+        const QEL_QueuedRequest r = held_.takeFirst();
+        widen(r.whenMs, oldestMs, newestMs);
+        if (journal_ != nullptr)
+            journal_->journalDone(r.id);
+        ++dropped;
+    }
     for (int i = 0; dropped < count && i < entries_.size();) {
         const QEL_QueuedRequest& r = entries_.at(i);
         if (r.id == current_ || r.id == inFlight_) {
             ++i;        // the send thread's: never dropped
             continue;
         }
-        if (r.whenMs > 0 && oldestMs != nullptr && (*oldestMs == 0 || r.whenMs < *oldestMs))
-            *oldestMs = r.whenMs;
-        if (r.whenMs > 0 && newestMs != nullptr && r.whenMs > *newestMs)
-            *newestMs = r.whenMs;
+        widen(r.whenMs, oldestMs, newestMs);
         if (journal_ != nullptr)
             journal_->journalDone(r.id);
         entries_.removeAt(i);

@@ -16,6 +16,7 @@ struct QEL_QueuedRequest
     QString text;
     qint64 whenMs = 0;      // when it was queued (epoch ms; 0: not known)
     bool spilled = false;   // journalQueued: kept by the journal alone, the queue holds no copy
+    bool again = false;     // given up once and brought back: a second give-up is for good
 };
 
 // Where a durable queue keeps its copy (the failure history). Called with the
@@ -52,8 +53,17 @@ public:
 // Life of a request: append -> take() by the send thread -> beginSend()
 // marks it in flight just before it is written -> an answer for its item
 // removes it (acknowledge) only while it is in flight; a time-out, a lost
-// link or a failed write ends the flight without removing it. A request the
-// send thread gives up (giveUp) leaves the queue but stays in the journal.
+// link, a reply that is not an answer or a failed write ends the flight
+// without removing it. A request the send thread gives up (giveUp) leaves
+// the queue but stays in the journal.
+//
+// Given up because the server was away (its last send cut off by a lost
+// link, or met by a proxy's 5xx page) is not given up for good: up to
+// kHeldBackMax such requests are held back and go again, ahead of the rest,
+// at the server's next answer (takeBack). One given up after time-outs (the
+// server took it and never answered), one the server blamed (refused, or a
+// 4xx status such as 413), one given up a second time and any past the
+// bound wait in the journal for the next start.
 //
 // Memory: with a window set, at most that many requests are held here; the
 // rest are "spilled" (the journal alone keeps them, in order) and fetched
@@ -88,7 +98,7 @@ public:
     static quint64 newId();
 
     bool isEmpty() const;
-    // Everything queued, the spilled requests included.
+    // Everything queued, the spilled and held-back requests included.
     qint64 size() const;
     // The texts held in memory (the spilled ones are not read back for this).
     QStringList texts() const;
@@ -101,7 +111,7 @@ public:
     // The write did not happen: the request is no longer in flight.
     void sendFailed(quint64 id);
     // After the wait for an answer: counts an unanswered send, unless the
-    // answer came or the link was lost while the request was in flight.
+    // answer came while the request was in flight.
     // Returns whether it was counted (the request went unanswered).
     bool afterWait();
     int attempts() const;
@@ -117,23 +127,35 @@ public:
     // A reply that is not an answer (another status than 2xx) for the
     // request in flight, from item `number` or from no item (0): its wait
     // ends and the send counts as unanswered. `inFlight` gets its number.
-    bool notAnswered(int number, int* inFlight);
-    // The connection the request in flight was written on is gone.
-    // Returns whether a request was in flight.
+    // `atFault`: the status blames the request itself (413 and the like),
+    // so given up it is not held back.
+    bool notAnswered(int number, int* inFlight, bool atFault = false);
+    // The connection the request in flight was written on is gone before
+    // its answer: the send counts as unanswered. Returns whether a request
+    // was in flight.
     bool linkLost();
     // Removes the head if it is still `id` (a send result that completes the
     // request by itself). Journalled as done.
     bool removeDone(quint64 id);
     // Removes the head if it is the request the send thread is handling and
-    // still reads `text`; it stays in the journal. Returns whether removed.
-    bool giveUp(const QString& text);
+    // still reads `text`; it stays in the journal. If its last send found
+    // the server away and `again` allows it (false: it can never go, its
+    // file is unreadable), it is held back to go again as `againAs` (its
+    // text, if empty). Returns whether removed.
+    bool giveUp(const QString& text, bool again = true, const QString& againAs = QString());
+    // The server answered: the requests held back go again, first (after
+    // the one the send thread is handling). Returns how many.
+    int takeBack();
+    // Requests held back, for tests and the status line.
+    int heldBack() const;
+    static const int kHeldBackMax = 64;
     // Removes the head if it is still `id` and its text can never be
     // delivered (no item takes it). Journalled as done.
     bool dropDamaged(quint64 id);
 
     // Drops the `count` oldest requests for good, never the one the send
-    // thread is handling: those in memory journalled as done, then spilled
-    // ones. Returns how many went; `oldestMs`/`newestMs` (if given) widen to
+    // thread is handling: those held back, then the rest in memory (all
+    // journalled as done), then spilled ones. Returns how many went; `oldestMs`/`newestMs` (if given) widen to
     // the queueing times of those in memory.
     int dropOldest(int count, qint64* oldestMs = nullptr, qint64* newestMs = nullptr);
     // The journal removed `count` spilled requests by itself (duplicates).
@@ -150,6 +172,7 @@ private:
     TypeOf typeOf_;
     QEL_SendJournal* journal_;
     QList<QEL_QueuedRequest> entries_;
+    QList<QEL_QueuedRequest> held_;     // given up unanswered, to go again at the next answer
     int window_ = 0;            // 0: no bound
     qint64 spilled_ = 0;        // requests only the journal holds, after entries_
     bool fetching_ = false;     // a fetch is on its way
@@ -160,5 +183,6 @@ private:
     quint64 lastSent_ = 0;      // the last request written
     int attempts_ = 0;          // sends of the head without an answer
     bool answered_ = false;     // the flight ended by an answer
-    bool lost_ = false;         // the flight ended by a lost link
+    bool atFault_ = false;      // the server said the head itself is at fault: not held back
+    bool away_ = false;         // the last send ended by a lost link or a server-side status
 };

@@ -448,7 +448,7 @@ RetError QEL_ItemAlarmImage::Item_NetSendOperate(const QString& path)
         if (!file.open(QIODevice::ReadOnly)) {
             // Nothing to send (removed by hand, unreadable): the queue goes on.
             LOG(INFO) << "send:" << number << "(archive not readable: " << path.toUtf8().constData() << ")";
-            thread->queue.giveUp(path);
+            thread->queue.giveUp(path, false);
             return RET_GIVEN_UP;
         }
         if (streamFile(file))
@@ -512,7 +512,9 @@ bool QEL_ItemAlarmImage::streamFile(QFile& file)
 
 RetError QEL_ItemAlarmImage::Item_NetErrorOperate(RetError, const QString& path)
 {
-    if (thread->queue.giveUp(path)) {
+    // Given up while the server was away, it goes again from the failure
+    // directory once the server answers another archive.
+    if (thread->queue.giveUp(path, true, failDir + QFileInfo(path).fileName())) {
         host()->sendInfoToInline(path);
         runShell(QString("mv -f %1 %2").arg(shellQuote(path), shellQuote(failDir)));
     }

@@ -265,9 +265,10 @@ class Messages(AgentTestCase):
     def test_behind_nginx(self):
         """nginx (Debian's) in front of the simulator: the message road through
         it; its own 502 while the backend is away is not an answer (the message
-        goes again once it is back); its 413 for an archive over its 1 MiB
-        limit costs two sends, not a storm, the archive waits in the failure
-        directory and the one queued behind it goes."""
+        goes again once it is back, even when given up meanwhile, an archive
+        too); its 413 for an archive over its 1 MiB limit costs two sends, not
+        a storm, the archive waits in the failure directory and the one queued
+        behind it goes."""
         srv = self.server_sim()
         ports = {"w": self.work, "info": free_port(), "file": free_port(), "sim_info": srv.info_port,
                  "sim_file": srv.file_port}
@@ -290,6 +291,8 @@ class Messages(AgentTestCase):
         with open(self.path("nginx-access.log")) as f:
             access = f.read()
         self.assertEqual(len(re.findall(r'"POST /videowatch/uploadImg/saveTarGz/[^"]*" 413 ', access)), 2, access)
+        ag.wait_log(r"recv:5\(result:-- success --\)")
+        self.assertNotIn("given up while the server was away go again", ag.log_text())     # a 413 blames the archive
         self.assertFalse(set(map(self.member, big)) & set(self.uploaded()))
         bodies = ['{"via":"nginx %d"}' % i for i in range(3)]
         for body in bodies:
@@ -297,14 +300,30 @@ class Messages(AgentTestCase):
         self.delivered(bodies, 10)
         # Answered too (the server sees a request before the agent has its answer).
         self.wait_until(lambda: not read_failhistory(self.db), 5, "the failure history emptied")
+        # Given up after two 502s, it goes again once the backend is back.
         srv.down(port="info")
         self.send_and_ack(7, '{"via":"502"}')
         ag.wait_log(r"recv:7\(status 502 is not an answer")
+        ag.wait_log(r"error:12\(tims out range to send by 7\)", timeout=10)
         srv.up(port="info")
-        self.delivered(['{"via":"502"}'], 10)
+        self.send_and_ack(7, '{"via":"back"}')
+        self.delivered(['{"via":"502"}', '{"via":"back"}'], 10)
         self.wait_until(lambda: not read_failhistory(self.db), 5, "the failure history emptied")
         got = [r["body"] for r in srv.requests(path=STATS)]
-        self.assertEqual(sorted(got), sorted(bodies + ['{"via":"502"}']))     # each once
+        self.assertEqual(sorted(got), sorted(bodies + ['{"via":"502"}', '{"via":"back"}']))     # each once
+        # An archive given up after two 502s goes again from the failure
+        # directory once another is answered.
+        refused = self.archives_in(self.faildir(ALARM))       # the 413 one stays
+        srv.down(port="file")
+        away = self.write(ALARM, count=1, prefix="away")
+        app.send(ALARM, "")
+        kept = lambda: self.archives_in(self.faildir(ALARM)) != refused
+        self.wait_until(kept, 15, "the archive given up kept")
+        srv.up(port="file")
+        back = self.write(ALARM, count=1, prefix="back")
+        app.send(ALARM, "")
+        self.wait_uploaded(away + back)
+        self.wait_until(lambda: not kept(), 10, "gone from the failure directory")
         self.assert_clean()
 
     def test_replies_are_framed_by_their_length(self):
@@ -405,6 +424,25 @@ class Messages(AgentTestCase):
         seen = [r["body"] for r in srv.requests(path=STATS)]
         self.assertEqual(sorted(set(seen), key=seen.index), bodies)
         self.assertGreaterEqual(ag.log_text().count("socket:(the socket INFO connected)"), 10)
+        # Takes every request and drops the connection, answering nothing: each
+        # drop counts as an unanswered send and as a failed connect (no storm of
+        # connections); what was given up goes again once the server answers.
+        srv.normal()
+        self.wait_until(lambda: not read_failhistory(self.db), 10, "the failure history emptied")
+        srv.silent(port="info", close_ms=50)
+        connects = len(srv.connections(port="info"))
+        dropped = ['{"dropped":%d}' % i for i in range(3)]
+        for body in dropped:
+            self.send_and_ack(7, body)
+        ag.wait_log(r"error:12\(tims out range to send by 7\)", timeout=15)
+        time.sleep(8)
+        self.assertLessEqual(len(srv.connections(port="info")) - connects, 12)
+        sends = lambda b: sum(r["body"] == b for r in srv.requests(path=STATS))
+        self.assertLessEqual(max(map(sends, dropped)), 2)
+        srv.normal(port="info")
+        ag.wait_log(r"given up while the server was away go again", timeout=30)
+        self.wait_until(lambda: not read_failhistory(self.db), 20, "every dropped message answered, without a restart")
+        self.assertLessEqual(max(map(sends, dropped)), 3)
         self.assert_clean()
 
     def test_application_restarts_and_file_server_away(self):

@@ -3,6 +3,8 @@
 // tried again.
 #include <gtest/gtest.h>
 
+#include <QCoreApplication>
+
 #include "NetWorkConsole.h"
 #include "QEL_ItemHeartBeat.h"
 #include <QSet>
@@ -84,6 +86,31 @@ TEST(Reconnector, BackoffDoublesToItsCap)
     EXPECT_EQ(seen.size(), 10);
     EXPECT_TRUE(below > 400 && below < 600) << below;
     EXPECT_EQ(jitteredMs(0), 0);
+}
+
+// A server socket's back-off ends only with an answer: a server that takes
+// connections and drops them, answering nothing, is not tried in a loop.
+TEST(Reconnector, ABackOffUntilAnsweredIsNotEndedByAConnect)
+{
+    for (bool untilAnswered : {false, true}) {
+        SCOPED_TRACE(untilAnswered);
+        bool up = false;
+        QEL_Reconnector r({[&] { return up; }, [&] { up = false; }, [] {}});
+        r.setBackOffUntilAnswered(untilAnswered);
+        for (bool ok : {false, false, true}) {      // two refused connects, then one that works
+            r.request(QEL_Reconnector::When::Now);
+            QCoreApplication::processEvents();
+            ASSERT_TRUE(r.attempting());
+            up = ok;
+            r.attemptEnded(ok);
+        }
+        EXPECT_EQ(r.failures(), untilAnswered ? 2 : 0);
+        r.connectionEnded(false);                   // dropped without an answer
+        EXPECT_EQ(r.failures(), untilAnswered ? 3 : 0);
+        r.answered();
+        r.connectionEnded(true);
+        EXPECT_EQ(r.failures(), 0);
+    }
 }
 
 }  // namespace

@@ -22,22 +22,24 @@ int typeOfText(const QString& text)
 
 struct FakeJournal : QEL_SendJournal
 {
-    QList<quint64> queued, done;
+    QList<quint64> queued, done, released;
     void journalQueued(const QList<QEL_QueuedRequest>& requests) override
     {
         for (const QEL_QueuedRequest& r : requests)
             queued.append(r.id);
     }
     void journalDone(quint64 id) override { done.append(id); }
+    void journalReleased(quint64 id) override { released.append(id); }
 };
 
 // What the send thread and the answers do, one step at a time, on the head
 // the last Take returned; `result` is what the call must return.
-enum Op { Take, Begin, Ack, Refuse, LinkLost, Wait, GiveUp, Done, Damaged, Attempts };
+enum Op { Take, Begin, Ack, Refuse, LinkLost, Wait, GiveUp, Done, Damaged, Attempts, TakeBack, NotAnswered };
 struct Step
 {
     Op op;
-    int n = 0;      // the item answering or refusing; for Attempts, the count
+    int n = 0;      // the item answering or refusing; for Attempts and TakeBack, the count;
+                    // for NotAnswered, 1 if the status blames the request
     bool result = true;
     const char* text = "";
 };
@@ -50,6 +52,7 @@ struct Scenario
     std::vector<Step> steps;
     QStringList left;
     QList<int> done;        // which requests the journal was told are finished
+    QList<int> released = {};   // ... are let go of, for the next start
 };
 
 TEST(SendQueue, AnswersRemoveOnlyTheRequestInFlightAndUnansweredSendsCount)
@@ -59,18 +62,30 @@ TEST(SendQueue, AnswersRemoveOnlyTheRequestInFlightAndUnansweredSendsCount)
          {{Take}, {Ack, 7, false}, {Begin}, {Ack, 4, false}, {Ack, 7}, {Ack, 7, false}}, {"7:second"}, {0}},
         {"no answer", {"7:x", "7:y"}, false, {{Take}, {Begin}, {Wait}, {Attempts, 1}, {Ack, 7, false}}, {"7:x", "7:y"}, {}},
         {"answered", {"7:x"}, false, {{Take}, {Begin}, {Ack, 7}, {Wait, 0, false}, {Attempts, 0}}, {}, {0}},
-        {"link lost", {"7:x"}, false, {{Take}, {Begin}, {LinkLost}, {Wait, 0, false}, {Attempts, 0}, {Ack, 7, false}}, {"7:x"}, {}},
+        {"link lost before the answer counts", {"7:x"}, false,
+         {{Take}, {Begin}, {LinkLost}, {Wait}, {Attempts, 1}, {Ack, 7, false}}, {"7:x"}, {}},
+        {"given up with the server away goes again first at the next answer, once", {"7:a", "7:b", "7:c"}, false,
+         {{Take}, {Begin}, {NotAnswered}, {Wait}, {Take}, {Begin}, {LinkLost}, {Wait}, {Attempts, 2}, {GiveUp, 0, true, "7:a"},
+          {Take}, {Begin}, {TakeBack, 1}, {Ack, 7}, {Take}, {Begin}, {Wait}, {Take}, {Begin}, {Wait},
+          {GiveUp, 0, true, "7:a"}, {TakeBack, 0}},
+         {"7:c"}, {1}, {0}},
+        {"time-outs: given up until the next start", {"7:a"}, false,
+         {{Take}, {Begin}, {Wait}, {Take}, {Begin}, {Wait}, {GiveUp, 0, true, "7:a"}, {TakeBack, 0}}, {}, {}, {0}},
+        {"a status that blames the request: given up for good", {"5:big", "5:small"}, false,
+         {{Take}, {Begin}, {NotAnswered, 1}, {Wait}, {Take}, {Begin}, {NotAnswered}, {Wait}, {GiveUp, 0, true, "5:big"},
+          {TakeBack, 0}},
+         {"5:small"}, {}, {0}},
         {"late answer for a resent request", {"7:slow", "7:next"}, false,
          {{Take}, {Begin}, {Wait}, {Attempts, 1}, {Take}, {Begin}, {Ack, 7}, {Wait, 0, false}, {Ack, 7, false}, {Attempts, 0}},
          {"7:next"}, {0}},
         {"give-up touches only the handled head and stays journalled", {"7:lost", "7:lost"}, false,
-         {{Take}, {GiveUp, 0, false, "7:other"}, {GiveUp, 0, true, "7:lost"}, {GiveUp, 0, false, "7:lost"}}, {"7:lost"}, {}},
+         {{Take}, {GiveUp, 0, false, "7:other"}, {GiveUp, 0, true, "7:lost"}, {GiveUp, 0, false, "7:lost"}}, {"7:lost"}, {}, {0}},
         {"damaged and done", {"0:damaged", "5:upload"}, false,
          {{Take}, {Damaged}, {Damaged, 0, false}, {Take}, {Begin}, {Done}, {Take, 0, false}, {Attempts, 0}}, {}, {0, 1}},
         {"a refusal is given up at the next pass", {"5:/w/Tar_1_9.tar.gz", "5:next"}, false,
          {{Take}, {Begin}, {Refuse, 6, false}, {Refuse, 5}, {Wait, 0, false}, {Attempts, 2}, {Ack, 5, false}, {Take},
           {GiveUp, 0, true, "5:/w/Tar_1_9.tar.gz"}, {Attempts, 0}},
-         {"5:next"}, {}},
+         {"5:next"}, {}, {0}},
         {"a wait counts only against a head still there", {"5:x", "5:next"}, false,
          {{Take}, {Begin}, {Done}, {Wait, 0, false}, {Attempts, 0}}, {"5:next"}, {0}},
         {"kept requests", {"12:kept"}, true, {{Take}, {Begin}, {Ack, 12}}, {}, {0}},
@@ -108,6 +123,12 @@ TEST(SendQueue, AnswersRemoveOnlyTheRequestInFlightAndUnansweredSendsCount)
             case Done: r = queue.removeDone(head.id); break;
             case Damaged: r = queue.dropDamaged(head.id); break;
             case Attempts: r = queue.attempts() == st.n; break;
+            case TakeBack: r = queue.takeBack() == st.n; break;
+            case NotAnswered: {
+                int inFlight = 0;
+                r = queue.notAnswered(0, &inFlight, st.n == 1);
+                break;
+            }
             }
             EXPECT_EQ(r, st.result) << "step " << i;
         }
@@ -116,6 +137,10 @@ TEST(SendQueue, AnswersRemoveOnlyTheRequestInFlightAndUnansweredSendsCount)
         for (int i : s.done)
             done.append(ids[i]);
         EXPECT_EQ(journal.done, done);
+        QList<quint64> released;
+        for (int i : s.released)
+            released.append(ids[i]);
+        EXPECT_EQ(journal.released, released);
     }
 }
 
