@@ -324,6 +324,20 @@ class Messages(AgentTestCase):
         app.send(ALARM, "")
         self.wait_uploaded(away + back)
         self.wait_until(lambda: not kept(), 10, "gone from the failure directory")
+        # A backend that chunks its answers (Python's stack), nginx passing them on.
+        real = RealInfoServer()
+        self.addCleanup(real.stop)
+        with open(self.path("nginx.conf"), "w") as f:
+            f.write(NGINX.format(**dict(ports, sim_info=real.server_address[1])))
+        closed = ag.log_text().count("socket:(the socket INFO disconnected)")
+        subprocess.run(["nginx", "-c", self.path("nginx.conf"), "-p", self.work, "-s", "reload"], check=True)
+        ag.wait_log(r"socket:\(the socket INFO disconnected\)", count=closed + 1)     # the old worker's idle close
+        chunked = ['{"via":"nginx, chunked %d"}' % i for i in range(3)]
+        for body in chunked:
+            self.send_and_ack(7, body)
+        self.wait_until(lambda: set(chunked) <= {b for _, _, b, _ in real.got}, 10, "through nginx to the chunking backend")
+        self.wait_until(lambda: not read_failhistory(self.db), 5, "answered")
+        self.assertEqual(ag.log_text().count("recv:7(result:-- success --)"), len(bodies) + 2 + len(chunked))
         self.assert_clean()
 
     def test_replies_are_framed_by_their_length(self):
@@ -431,7 +445,7 @@ class Messages(AgentTestCase):
         self.wait_until(lambda: not read_failhistory(self.db), 10, "the failure history emptied")
         srv.silent(port="info", close_ms=50)
         connects = len(srv.connections(port="info"))
-        dropped = ['{"dropped":%d}' % i for i in range(3)]
+        dropped = ['{"dropped":%d}' % i for i in range(10)]     # a storm would take them all in 8 s
         for body in dropped:
             self.send_and_ack(7, body)
         ag.wait_log(r"error:12\(tims out range to send by 7\)", timeout=15)
