@@ -148,7 +148,7 @@ def child(a):
     with open(os.path.join(work, "agent.stderr"), "wb") as err:
         agent = subprocess.Popen([a.binary, db], cwd=work, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                  stderr=err)
-    print(json.dumps({"index": a.index, "pid": agent.pid}), flush=True)
+    print(json.dumps({"index": a.index, "pid": agent.pid, "runner": os.getpid()}), flush=True)
     stop = []       # a plain list: the handler must take no lock the main thread may hold
     signal.signal(signal.SIGTERM, lambda *_: stop.append(1))
     acked, sent, n, errors = [], 0, 0, []
@@ -170,7 +170,7 @@ def child(a):
             app.wait_notice("back", since=mark, timeout=5)
             acked.append(body)
         except Exception as e:   # not acknowledged: not counted as acknowledged
-            errors.append(repr(e))
+            errors.append("%.1f %s %r" % (time.monotonic(), body, e))
     agent.send_signal(signal.SIGTERM)
     try:
         agent.wait(10)
@@ -257,7 +257,7 @@ def fleet(a):
     sim = ServerSim(0, 0, record=None, inspect_archives=False).start()
     front = ServerFront(sockdir, sim)
     front.up()
-    children, pids, reports = [], {}, {}
+    children, pids, reports, runners = [], {}, {}, []
     me = os.path.abspath(__file__)
     try:
         for i in range(a.n):
@@ -268,6 +268,7 @@ def fleet(a):
         for c in children:
             line = json.loads(c.stdout.readline())
             pids[line["index"]] = line["pid"]
+            runners.append(line["runner"])
         say("%d agents started; steady for %d s" % (a.n, a.steady))
         time.sleep(a.steady / 3.0)        # every agent up and logged in
         cpu0 = {i: proc_stat(p)[0] for i, p in pids.items()}
@@ -301,13 +302,19 @@ def fleet(a):
         all_back = time.monotonic() - up_at if len(back()) == a.n else float("nan")
         time.sleep(5)
     finally:
-        for c in children:      # its namespace's processes: unshare, the runner, the agent
-            killpg(c.pid, signal.SIGTERM)
+        # The runners first: each waits for the "/back/" of the message it
+        # has just sent before it stops its agent, so a stop in the middle of
+        # an acknowledgement is not counted as a message without one.
+        for pid in runners:
+            try:
+                os.kill(pid, signal.SIGTERM)
+            except OSError:
+                pass
         reported = lambda: sum(os.path.exists(os.path.join(work, "agent-%03d" % i, "report.json")) for i in range(a.n))
         deadline = time.monotonic() + 40
         while reported() < len(children) and time.monotonic() < deadline:
             time.sleep(0.2)
-        for c in children:
+        for c in children:      # its namespace's processes: unshare, the runner, the agent
             killpg(c.pid, signal.SIGKILL)
             c.stdout.close()
             c.wait()
@@ -361,8 +368,9 @@ def fleet(a):
     if lost:
         say("lost: %s" % lost[:10])
     errors = [e for r in reports.values() for e in r["errors"]]
-    if errors:
-        say("not acknowledged: %d, e.g. %s" % (len(errors), errors[:3]))
+    if errors:      # when, in s since the server went away (CLOCK_MONOTONIC is the machine's)
+        when = lambda e: "%+.1f s %s" % (float(e.split(" ", 1)[0]) - down_at, e.split(" ", 1)[1])
+        say("not acknowledged: %d, e.g. %s" % (len(errors), [when(e) for e in errors[:3]]))
     if not a.keep:
         subprocess.run(["rm", "-rf", work])
     else:
