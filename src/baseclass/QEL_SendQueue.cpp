@@ -119,7 +119,7 @@ bool QEL_SendQueue::isEmpty() const
 qint64 QEL_SendQueue::size() const
 {
     QMutexLocker g(&mutex_);
-    return entries_.size() + held_.size() + spilled_;
+    return entries_.size() + held_.size() + heldInJournal_ + spilled_;
 }
 
 QStringList QEL_SendQueue::texts() const
@@ -275,39 +275,85 @@ bool QEL_SendQueue::giveUp(const QString& text, bool again, const QString& again
         return false;
     const bool away = away_ && !atFault_;
     QEL_QueuedRequest head = popHead();
-    if (again && away && !head.again && held_.size() < kHeldBackMax) {
-        // The journal keeps knowing it by its identity: answered later, its
-        // copy goes like any other's.
-        head.again = true;
-        if (!againAs.isEmpty())
-            head.text = againAs;
-        held_.append(head);
+    if (!again || !away || head.again) {
+        if (journal_ != nullptr)
+            journal_->journalReleased(head.id);
         return true;
     }
-    if (journal_ != nullptr)
+    head.again = true;
+    if (!againAs.isEmpty())
+        head.text = againAs;
+    const bool journalHolds = journal_ != nullptr && journal_->journalHoldsBack();
+    if (heldInJournal_ > 0 || (held_.size() >= kHeldBackMax && journalHolds)) {
+        // Past what memory keeps, the journal keeps them (and, for the
+        // order, whatever is held back after them).
+        journal_->journalHeldBack(head.id);
+        ++heldInJournal_;
+    } else if (held_.size() < kHeldBackMax) {
+        // The journal keeps knowing it by its identity: answered later, its
+        // copy goes like any other's.
+        held_.append(head);
+    } else if (journal_ != nullptr) {
         journal_->journalReleased(head.id);
+    }
     return true;
+}
+
+int QEL_SendQueue::insertAfterHead(const QList<QEL_QueuedRequest>& requests)
+{
+    // Never ahead of the request the send thread is handling: its answer
+    // must still find it at the head.
+    int at = !entries_.isEmpty() && (entries_.first().id == current_ || entries_.first().id == inFlight_) ? 1 : 0;
+    for (const QEL_QueuedRequest& r : requests)
+        entries_.insert(at++, r);
+    return requests.size();
 }
 
 int QEL_SendQueue::takeBack()
 {
     QMutexLocker g(&mutex_);
-    if (held_.isEmpty())
-        return 0;
-    // Never ahead of the request the send thread is handling: its answer
-    // must still find it at the head.
-    int at = !entries_.isEmpty() && (entries_.first().id == current_ || entries_.first().id == inFlight_) ? 1 : 0;
-    const int n = held_.size();
+    if (heldInJournal_ == 0) {
+        const int n = insertAfterHead(held_);
+        held_.clear();
+        return n;
+    }
+    // Some are in the journal: all of them come back from there, in the
+    // order they were queued, a window's worth per answer.
     for (const QEL_QueuedRequest& r : held_)
-        entries_.insert(at++, r);
+        journal_->journalHeldBack(r.id);
+    heldInJournal_ += held_.size();
     held_.clear();
-    return n;
+    if (takingBack_)
+        return 0;
+    takingBack_ = true;
+    const int asked = int(qMin<qint64>(heldInJournal_, kHeldBackMax));
+    journal_->journalTakeBack(asked, [this, asked](const QList<QEL_QueuedRequest>& got) { takenBack(asked, got); });
+    return asked;
 }
 
-int QEL_SendQueue::heldBack() const
+void QEL_SendQueue::takenBack(int asked, const QList<QEL_QueuedRequest>& got)
+{
+    QList<QEL_QueuedRequest> numbered = got;
+    for (QEL_QueuedRequest& r : numbered) {
+        r.number = typeOf_ ? typeOf_(r.text) : 0;
+        r.again = true;
+    }
+    std::function<void()> notify;
+    {
+        QMutexLocker g(&mutex_);
+        insertAfterHead(numbered);
+        heldInJournal_ = qMax<qint64>(0, heldInJournal_ - asked);
+        takingBack_ = false;
+        notify = onFetched_;
+    }
+    if (notify && !numbered.isEmpty())
+        notify();
+}
+
+qint64 QEL_SendQueue::heldBack() const
 {
     QMutexLocker g(&mutex_);
-    return held_.size();
+    return held_.size() + heldInJournal_;
 }
 
 int QEL_SendQueue::dropOldest(int count, qint64* oldestMs, qint64* newestMs)

@@ -40,6 +40,14 @@ public:
     virtual void journalFetch(int, Fetched) {}
     // Forgets the `count` oldest spilled requests for good (the budget).
     virtual void journalDropSpilled(int) {}
+    // Whether the journal can keep held-back requests (see giveUp) for the
+    // queue, so that their number is not bounded by memory.
+    virtual bool journalHoldsBack() const { return false; }
+    // The queue let go of a held-back request: the journal keeps it apart.
+    virtual void journalHeldBack(quint64) {}
+    // Hands the `count` oldest held-back requests back to `done`, later and
+    // from any thread, in the order they were queued, with fresh identities.
+    virtual void journalTakeBack(int, Fetched) {}
 };
 
 // The send queue of one send thread: requests first in, first out, one of
@@ -58,9 +66,10 @@ public:
 // the queue but stays in the journal.
 //
 // Given up because the server was away (its last send cut off by a lost
-// link, or met by a proxy's 5xx page) is not given up for good: up to
-// kHeldBackMax such requests are held back and go again, ahead of the rest,
-// at the server's next answer (takeBack). One given up after time-outs (the
+// link, or met by a proxy's 5xx page) is not given up for good: such
+// requests are held back (kHeldBackMax in memory, the rest by a journal that
+// can) and go again, ahead of the rest, at the server's next answers
+// (takeBack). One given up after time-outs (the
 // server took it and never answered), one the server blamed (refused, or a
 // 4xx status such as 413), one given up a second time and any past the
 // bound wait in the journal for the next start.
@@ -144,10 +153,14 @@ public:
     // text, if empty). Returns whether removed.
     bool giveUp(const QString& text, bool again = true, const QString& againAs = QString());
     // The server answered: the requests held back go again, first (after
-    // the one the send thread is handling). Returns how many.
+    // the one the send thread is handling). Those the journal keeps come
+    // back later (see setOnFetched), at most kHeldBackMax per call. Returns
+    // how many go again or were asked for.
     int takeBack();
-    // Requests held back, for tests and the status line.
-    int heldBack() const;
+    // Requests held back, in memory and in the journal.
+    qint64 heldBack() const;
+    // Held back in memory at most; more go to a journal that holds them
+    // (journalHoldsBack), else wait in the journal for the next start.
     static const int kHeldBackMax = 64;
     // Removes the head if it is still `id` and its text can never be
     // delivered (no item takes it). Journalled as done.
@@ -167,12 +180,18 @@ private:
     // Asks the journal for spilled requests once memory is half drained.
     void fetchIfLow();
     void fetched(int asked, const QList<QEL_QueuedRequest>& requests);
+    void takenBack(int asked, const QList<QEL_QueuedRequest>& requests);
+    // Puts `requests` at the front, behind the request the send thread is
+    // handling. Returns how many.
+    int insertAfterHead(const QList<QEL_QueuedRequest>& requests);
 
     mutable QMutex mutex_;
     TypeOf typeOf_;
     QEL_SendJournal* journal_;
     QList<QEL_QueuedRequest> entries_;
-    QList<QEL_QueuedRequest> held_;     // given up unanswered, to go again at the next answer
+    QList<QEL_QueuedRequest> held_;     // given up while the server was away, to go again at its next answer
+    qint64 heldInJournal_ = 0;          // ... kept by the journal alone
+    bool takingBack_ = false;           // the journal is handing some back
     int window_ = 0;            // 0: no bound
     qint64 spilled_ = 0;        // requests only the journal holds, after entries_
     bool fetching_ = false;     // a fetch is on its way

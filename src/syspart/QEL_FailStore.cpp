@@ -6,6 +6,7 @@
 #include <QSqlQuery>
 #include <QFileInfo>
 #include <QVariant>
+#include <algorithm>
 #include <chrono>
 
 #include <glog/logging.h>
@@ -21,7 +22,7 @@ const qint64 kBudgetSlackBytes = 64 * 1024;
 
 bool isWrite(int kind)
 {
-    return kind <= 4;       // Insert, Delete, Keep, Release, DropSpilled
+    return kind <= 5;       // Insert, Delete, Keep, Release, HoldBack, DropSpilled
 }
 
 quint64 hashText(const QString& text)
@@ -91,6 +92,19 @@ void QEL_FailStore::journalDone(quint64 id)
 void QEL_FailStore::journalReleased(quint64 id)
 {
     submit(Op(Op::Release, id));
+}
+
+void QEL_FailStore::journalHeldBack(quint64 id)
+{
+    submit(Op(Op::HoldBack, id));
+}
+
+void QEL_FailStore::journalTakeBack(int count, Fetched done)
+{
+    Op op(Op::TakeBack);
+    op.count = count;
+    op.fetched = std::move(done);
+    submit(std::move(op));
 }
 
 void QEL_FailStore::journalFetch(int count, Fetched done)
@@ -269,8 +283,8 @@ void QEL_FailStore::run()
                     dedupe_.fetch.push_back(std::move(op));
                     continue;
                 }
-                if (op.kind == Op::Load || op.kind == Op::Fetch) {
-                    const bool read = op.kind == Op::Load ? runLoad(op) : runFetch(op);
+                if (op.kind == Op::Load || op.kind == Op::Fetch || op.kind == Op::TakeBack) {
+                    const bool read = op.kind == Op::Load ? runLoad(op) : op.kind == Op::Fetch ? runFetch(op) : runTakeBack(op);
                     if (op.kind == Op::Load)
                         loadTried();
                     std::unique_lock<std::mutex> g(m_);
@@ -387,6 +401,12 @@ bool QEL_FailStore::runBatch(const std::deque<Op>& batch)
             } else if (op.kind == Op::Release) {
                 // The row stays for a later run; a fetch must still pass it over.
                 books_.rowOf.remove(op.id);
+            } else if (op.kind == Op::HoldBack) {
+                const auto it = books_.rowOf.find(op.id);
+                if (it != books_.rowOf.end()) {
+                    books_.heldBack.append(it.value());
+                    books_.rowOf.erase(it);
+                }
             } else if (op.kind == Op::DropSpilled) {
                 ok = dropSpilled(db, op.count);
                 if (!ok)
@@ -723,6 +743,37 @@ void QEL_FailStore::dedupeStep(QSqlDatabase& db)
         std::lock_guard<std::mutex> g(m_);
         pending_.push_front(std::move(held.front()));
     }
+}
+
+bool QEL_FailStore::runTakeBack(const Op& op)
+{
+    QSqlDatabase db = QSqlDatabase::database(connectionName_, false);
+    if (open(db).isValid())
+        return false;
+    // In the order they were queued, whatever the order they were held back in.
+    std::sort(books_.heldBack.begin(), books_.heldBack.end());
+    const int count = qMin(op.count, books_.heldBack.size());
+    QSqlQuery q(db);
+    if (!q.prepare("select 发送时间, 内容 from info_failhistory where rowid = ?"))
+        return false;
+    QList<QEL_QueuedRequest> got;
+    QList<QPair<quint64, qint64>> rows;
+    for (int i = 0; i < count; ++i) {
+        q.bindValue(0, books_.heldBack.at(i));
+        if (!q.exec())
+            return false;
+        if (q.next()) {     // gone only if the budget took it
+            got.append(QEL_QueuedRequest{QEL_SendQueue::newId(), 0, q.value(1).toString(), q.value(0).toLongLong()});
+            rows.append(qMakePair(got.last().id, books_.heldBack.at(i)));
+        }
+        q.finish();
+    }
+    for (const auto& r : rows)
+        books_.rowOf.insert(r.first, r.second);
+    books_.heldBack.erase(books_.heldBack.begin(), books_.heldBack.begin() + count);
+    if (op.fetched)
+        op.fetched(got);
+    return true;
 }
 
 bool QEL_FailStore::runFetch(const Op& op)

@@ -52,6 +52,9 @@ public:
     void journalQueued(const QList<QEL_QueuedRequest>& requests) override;
     void journalDone(quint64 id) override;
     void journalReleased(quint64 id) override;
+    bool journalHoldsBack() const override { return true; }
+    void journalHeldBack(quint64 id) override;
+    void journalTakeBack(int count, Fetched done) override;
     void journalFetch(int count, Fetched done) override;
     void journalDropSpilled(int count) override;
 
@@ -94,8 +97,8 @@ protected:
 private:
     struct Op
     {
-        // The first five change the table or the books, in one transaction.
-        enum Kind { Insert, Delete, Keep, Release, DropSpilled, Load, Fetch, Barrier, Notify } kind;
+        // The first six change the table or the books, in one transaction.
+        enum Kind { Insert, Delete, Keep, Release, HoldBack, DropSpilled, Load, Fetch, TakeBack, Barrier, Notify } kind;
         explicit Op(Kind k, quint64 i = 0, qint64 m = 0, QString t = QString(), bool s = false)
             : kind(k), id(i), ms(m), text(std::move(t)), spilled(s)
         {
@@ -104,7 +107,7 @@ private:
         qint64 ms = 0;
         QString text;
         bool spilled = false;
-        int count = 0;                  // Load: the window; Fetch, DropSpilled: how many
+        int count = 0;                  // Load: the window; Fetch, TakeBack, DropSpilled: how many
         QEL_SendQueue::TypeOf typeOf = {};
         Loaded loaded = {};
         Fetched fetched = {};
@@ -119,6 +122,7 @@ private:
         qint64 spillFrom = 0;           // rowid from which the spilled rows begin
         qint64 spilled = 0;             // rows spilled and neither fetched nor dropped
         qint64 rows = 0;                // rows in the table, as far as the store can tell
+        QList<qint64> heldBack;         // rowids given up while the server was away (8 bytes each)
     };
     // At the stop: says in the log what could not be stored (the texts, so
     // that nothing acknowledged disappears without a trace).
@@ -132,6 +136,7 @@ private:
     // False when the table could not be read (nothing changed then).
     bool runLoad(const Op& op);
     bool runFetch(const Op& op);
+    bool runTakeBack(const Op& op);
     // One slice of the duplicate pass.
     void dedupeStep(class QSqlDatabase& db);
     struct SpilledRow

@@ -298,4 +298,49 @@ TEST_F(FailStore, ABacklogBeyondTheWindowComesBackInOrderAndTheOldestCanBeDroppe
     EXPECT_EQ(rows(), QStringList());
 }
 
+// A long outage behind a proxy gives up request after request: past what
+// memory holds, the table keeps them, and they all come back once the
+// server answers, in the order they were queued, each answered once.
+TEST_F(FailStore, GivenUpWhileTheServerWasAwayAllComeBackInOrder)
+{
+    QEL_FailStore store(path);
+    QEL_SendQueue queue(typeOfText, &store);
+    std::atomic<int> fetched{0};
+    queue.setOnFetched([&] { ++fetched; });
+    store.start();
+    const int n = QEL_SendQueue::kHeldBackMax + 6;
+    QStringList texts;
+    for (int i = 0; i < n; ++i)
+        texts << QString("7:away%1").arg(i);
+    queue.append(texts + QStringList{"7:answered"});
+    QEL_QueuedRequest head;
+    for (int i = 0; i < n; ++i) {
+        for (int send = 0; send < 2; ++send) {     // cut off twice
+            ASSERT_TRUE(queue.take(head) && queue.beginSend(head.id));
+            ASSERT_TRUE(queue.linkLost());
+            ASSERT_TRUE(queue.afterWait());
+        }
+        ASSERT_TRUE(queue.giveUp(head.text));
+    }
+    EXPECT_EQ(queue.heldBack(), n);
+    EXPECT_EQ(queue.texts(), QStringList{"7:answered"});
+    ASSERT_TRUE(queue.take(head) && queue.beginSend(head.id) && queue.acknowledge(7));
+    QStringList sent;
+    for (int spin = 0; spin < 3000 && sent.size() < n; ++spin) {
+        if (queue.isEmpty() || !queue.take(head)) {
+            queue.takeBack();       // each answer brings back the next ones
+            QThread::msleep(2);
+            continue;
+        }
+        ASSERT_TRUE(queue.beginSend(head.id));
+        ASSERT_TRUE(queue.acknowledge(7));
+        sent << head.text;
+    }
+    EXPECT_EQ(sent, texts);
+    EXPECT_GE(fetched.load(), 1);
+    EXPECT_EQ(queue.heldBack(), 0);
+    ASSERT_TRUE(store.flush(5000));
+    EXPECT_EQ(rows(), QStringList());
+}
+
 }  // namespace
