@@ -161,7 +161,7 @@ public:
     qint64 heldBack() const;
     // Held back in memory at most; more go to a journal that holds them
     // (journalHoldsBack), else wait in the journal for the next start.
-    static const int kHeldBackMax = 64;
+    static constexpr int kHeldBackMax = 64;
     // Removes the head if it is still `id` and its text can never be
     // delivered (no item takes it). Journalled as done.
     bool dropDamaged(quint64 id);
