@@ -367,6 +367,14 @@ int QEL_SendQueue::dropOldest(int count, qint64* oldestMs, qint64* newestMs)
             journal_->journalDone(r.id);
         ++dropped;
     }
+    // Not those on their way back: the journal no longer holds them apart.
+    const qint64 inJournal = takingBack_ ? 0 : heldInJournal_;
+    const int fromJournal = int(qMin<qint64>(count - dropped, inJournal));
+    if (fromJournal > 0) {
+        journal_->journalDropHeldBack(fromJournal);
+        heldInJournal_ -= fromJournal;
+        dropped += fromJournal;
+    }
     for (int i = 0; dropped < count && i < entries_.size();) {
         const QEL_QueuedRequest& r = entries_.at(i);
         if (r.id == current_ || r.id == inFlight_) {

@@ -48,6 +48,8 @@ public:
     // Hands the `count` oldest held-back requests back to `done`, later and
     // from any thread, in the order they were queued, with fresh identities.
     virtual void journalTakeBack(int, Fetched) {}
+    // Forgets the `count` oldest held-back requests for good (the budget).
+    virtual void journalDropHeldBack(int) {}
 };
 
 // The send queue of one send thread: requests first in, first out, one of
@@ -167,8 +169,9 @@ public:
     bool dropDamaged(quint64 id);
 
     // Drops the `count` oldest requests for good, never the one the send
-    // thread is handling: those held back, then the rest in memory (all
-    // journalled as done), then spilled ones. Returns how many went; `oldestMs`/`newestMs` (if given) widen to
+    // thread is handling: those held back (in memory, journalled as done,
+    // then those the journal holds), then the rest in memory (journalled as
+    // done), then spilled ones. Returns how many went; `oldestMs`/`newestMs` (if given) widen to
     // the queueing times of those in memory.
     int dropOldest(int count, qint64* oldestMs = nullptr, qint64* newestMs = nullptr);
     // The journal removed `count` spilled requests by itself (duplicates).

@@ -22,7 +22,7 @@ const qint64 kBudgetSlackBytes = 64 * 1024;
 
 bool isWrite(int kind)
 {
-    return kind <= 5;       // Insert, Delete, Keep, Release, HoldBack, DropSpilled
+    return kind <= 6;       // Insert, Delete, Keep, Release, HoldBack, DropSpilled, DropHeldBack
 }
 
 quint64 hashText(const QString& text)
@@ -97,6 +97,13 @@ void QEL_FailStore::journalReleased(quint64 id)
 void QEL_FailStore::journalHeldBack(quint64 id)
 {
     submit(Op(Op::HoldBack, id));
+}
+
+void QEL_FailStore::journalDropHeldBack(int count)
+{
+    Op op(Op::DropHeldBack);
+    op.count = count;
+    submit(std::move(op));
 }
 
 void QEL_FailStore::journalTakeBack(int count, Fetched done)
@@ -404,9 +411,19 @@ bool QEL_FailStore::runBatch(const std::deque<Op>& batch)
             } else if (op.kind == Op::HoldBack) {
                 const auto it = books_.rowOf.find(op.id);
                 if (it != books_.rowOf.end()) {
-                    books_.heldBack.append(it.value());
+                    // In rowid order, the order of queueing, whatever the
+                    // order they are held back in.
+                    const auto at = std::lower_bound(books_.heldBack.begin(), books_.heldBack.end(), it.value());
+                    books_.heldBack.insert(at, it.value());
                     books_.rowOf.erase(it);
                 }
+            } else if (op.kind == Op::DropHeldBack) {
+                // The oldest first, as the budget drops everything else.
+                const int n = qMin(op.count, books_.heldBack.size());
+                ok = removeRows(db, books_.heldBack.mid(0, n));
+                if (!ok)
+                    why = db.lastError();
+                books_.heldBack.erase(books_.heldBack.begin(), books_.heldBack.begin() + n);
             } else if (op.kind == Op::DropSpilled) {
                 ok = dropSpilled(db, op.count);
                 if (!ok)
@@ -750,8 +767,6 @@ bool QEL_FailStore::runTakeBack(const Op& op)
     QSqlDatabase db = QSqlDatabase::database(connectionName_, false);
     if (open(db).isValid())
         return false;
-    // In the order they were queued, whatever the order they were held back in.
-    std::sort(books_.heldBack.begin(), books_.heldBack.end());
     const int count = qMin(op.count, books_.heldBack.size());
     QSqlQuery q(db);
     if (!q.prepare("select 发送时间, 内容 from info_failhistory where rowid = ?"))

@@ -55,6 +55,7 @@ public:
     bool journalHoldsBack() const override { return true; }
     void journalHeldBack(quint64 id) override;
     void journalTakeBack(int count, Fetched done) override;
+    void journalDropHeldBack(int count) override;
     void journalFetch(int count, Fetched done) override;
     void journalDropSpilled(int count) override;
 
@@ -97,8 +98,11 @@ protected:
 private:
     struct Op
     {
-        // The first six change the table or the books, in one transaction.
-        enum Kind { Insert, Delete, Keep, Release, HoldBack, DropSpilled, Load, Fetch, TakeBack, Barrier, Notify } kind;
+        // The first seven change the table or the books, in one transaction.
+        enum Kind {
+            Insert, Delete, Keep, Release, HoldBack, DropSpilled, DropHeldBack,
+            Load, Fetch, TakeBack, Barrier, Notify
+        } kind;
         explicit Op(Kind k, quint64 i = 0, qint64 m = 0, QString t = QString(), bool s = false)
             : kind(k), id(i), ms(m), text(std::move(t)), spilled(s)
         {
@@ -107,7 +111,7 @@ private:
         qint64 ms = 0;
         QString text;
         bool spilled = false;
-        int count = 0;                  // Load: the window; Fetch, TakeBack, DropSpilled: how many
+        int count = 0;                  // Load: the window; the others: how many
         QEL_SendQueue::TypeOf typeOf = {};
         Loaded loaded = {};
         Fetched fetched = {};
@@ -122,7 +126,7 @@ private:
         qint64 spillFrom = 0;           // rowid from which the spilled rows begin
         qint64 spilled = 0;             // rows spilled and neither fetched nor dropped
         qint64 rows = 0;                // rows in the table, as far as the store can tell
-        QList<qint64> heldBack;         // rowids given up while the server was away (8 bytes each)
+        QList<qint64> heldBack;         // rowids given up while the server was away, ascending (8 bytes each)
     };
     // At the stop: says in the log what could not be stored (the texts, so
     // that nothing acknowledged disappears without a trace).

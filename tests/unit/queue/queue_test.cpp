@@ -300,7 +300,8 @@ TEST_F(FailStore, ABacklogBeyondTheWindowComesBackInOrderAndTheOldestCanBeDroppe
 
 // A long outage behind a proxy gives up request after request: past what
 // memory holds, the table keeps them, and they all come back once the
-// server answers, in the order they were queued, each answered once.
+// server answers, in the order they were queued, each answered once. The
+// budget drops the oldest of them first.
 TEST_F(FailStore, GivenUpWhileTheServerWasAwayAllComeBackInOrder)
 {
     QEL_FailStore store(path);
@@ -309,35 +310,47 @@ TEST_F(FailStore, GivenUpWhileTheServerWasAwayAllComeBackInOrder)
     queue.setOnFetched([&] { ++fetched; });
     store.start();
     const int n = QEL_SendQueue::kHeldBackMax + 6;
-    QStringList texts;
-    for (int i = 0; i < n; ++i)
-        texts << QString("7:away%1").arg(i);
-    queue.append(texts + QStringList{"7:answered"});
     QEL_QueuedRequest head;
-    for (int i = 0; i < n; ++i) {
-        for (int send = 0; send < 2; ++send) {     // cut off twice
-            ASSERT_TRUE(queue.take(head) && queue.beginSend(head.id));
-            ASSERT_TRUE(queue.linkLost());
-            ASSERT_TRUE(queue.afterWait());
+    // Each of `texts` cut off twice and given up, then one answered.
+    const auto outage = [&](const QStringList& texts) {
+        queue.append(texts + QStringList{"7:answered"});
+        for (int i = 0; i < texts.size(); ++i) {
+            for (int send = 0; send < 2; ++send) {
+                ASSERT_TRUE(queue.take(head) && queue.beginSend(head.id));
+                ASSERT_TRUE(queue.linkLost());
+                ASSERT_TRUE(queue.afterWait());
+            }
+            ASSERT_TRUE(queue.giveUp(head.text));
         }
-        ASSERT_TRUE(queue.giveUp(head.text));
-    }
-    EXPECT_EQ(queue.heldBack(), n);
-    EXPECT_EQ(queue.texts(), QStringList{"7:answered"});
-    ASSERT_TRUE(queue.take(head) && queue.beginSend(head.id) && queue.acknowledge(7));
-    QStringList sent;
-    for (int spin = 0; spin < 3000 && sent.size() < n; ++spin) {
-        if (queue.isEmpty() || !queue.take(head)) {
-            queue.takeBack();       // each answer brings back the next ones
-            QThread::msleep(2);
-            continue;
+        EXPECT_EQ(queue.heldBack(), texts.size());
+        EXPECT_EQ(queue.texts(), QStringList{"7:answered"});
+    };
+    // What goes again, answer by answer (each answer brings back the next ones).
+    const auto answered = [&](int count) {
+        QStringList sent;
+        EXPECT_TRUE(queue.take(head) && queue.beginSend(head.id) && queue.acknowledge(7));
+        for (int spin = 0; spin < 3000 && sent.size() < count; ++spin) {
+            if (queue.isEmpty() || !queue.take(head)) {
+                queue.takeBack();
+                QThread::msleep(2);
+                continue;
+            }
+            EXPECT_TRUE(queue.beginSend(head.id) && queue.acknowledge(7));
+            sent << head.text;
         }
-        ASSERT_TRUE(queue.beginSend(head.id));
-        ASSERT_TRUE(queue.acknowledge(7));
-        sent << head.text;
-    }
-    EXPECT_EQ(sent, texts);
-    EXPECT_GE(fetched.load(), 1);
+        return sent;
+    };
+    QStringList texts;
+    for (int i = 0; i < 2 * n; ++i)
+        texts << QString("7:away%1").arg(i);
+    outage(texts.mid(0, n));
+    EXPECT_EQ(queue.dropOldest(1), 1);          // the budget takes the oldest
+    EXPECT_EQ(answered(n - 1), texts.mid(1, n - 1));
+    outage(texts.mid(n));
+    const int dropped = QEL_SendQueue::kHeldBackMax + 1;     // all in memory and the table's oldest
+    EXPECT_EQ(queue.dropOldest(dropped), dropped);
+    EXPECT_EQ(answered(n - dropped), texts.mid(n + dropped));
+    EXPECT_GE(fetched.load(), 2);
     EXPECT_EQ(queue.heldBack(), 0);
     ASSERT_TRUE(store.flush(5000));
     EXPECT_EQ(rows(), QStringList());
