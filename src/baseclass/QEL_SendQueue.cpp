@@ -318,7 +318,7 @@ int QEL_SendQueue::takeBack()
         return n;
     }
     // Some are in the journal: all of them come back from there, in the
-    // order they were queued, a window's worth per answer.
+    // order they were queued, kHeldBackMax per answer.
     for (const QEL_QueuedRequest& r : held_)
         journal_->journalHeldBack(r.id);
     heldInJournal_ += held_.size();
