@@ -189,6 +189,7 @@ void QEL_BaseSocket::handleReply(const ServerReply& reply)
     if (reply.ok()) {
         answeredHere_ = true;
         reconnector_.answered();
+        emit sigAnswered();
         if (number != 0)
             emit sigReply(number, QString::fromUtf8(reply.body.constData(),
                                                     int(qstrnlen(reply.body.constData(), uint(reply.body.size())))));

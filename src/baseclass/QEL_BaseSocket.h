@@ -90,6 +90,9 @@ public:
     QString name;
 
 signals:
+    // A 2xx reply, whatever item it names: the server is there (emitted
+    // before sigReply).
+    void sigAnswered();
     // A 2xx reply whose "SessionId" names item `number` (never 0).
     void sigReply(int number, const QString& body);
     // A reply with another status (a proxy's error page, 503 with

@@ -119,7 +119,6 @@ void QEL_BaseThread::answered(int number)
     if (notAnswers_ > 0)
         LOG(INFO) << "recv:" << number << "(answered again after " << notAnswers_ << " replies that were not answers)";
     notAnswers_ = 0;
-    serverAnswered();
 }
 
 void QEL_BaseThread::serverAnswered()

@@ -42,11 +42,10 @@ public:
     // than the reconnection step. Said once per episode.
     void notAnswered(QEL_BaseSocket* socket, int number, int status, qint64 retryAfterMs);
     // Main thread: the request in flight was answered (ends an episode of
-    // replies that were not answers, and the server is there: see
-    // serverAnswered).
+    // replies that were not answers).
     void answered(int number);
-    // Main thread: the server answered something. What was given up while
-    // it was away goes again now.
+    // Main thread: a 2xx reply came on one of this thread's connections.
+    // What was given up while the server was away goes again now.
     void serverAnswered();
 
     // Before the first pass: the object that wires the items together.

@@ -54,12 +54,13 @@ NetWorkConsole::NetWorkConsole(QObject* parent, const QEL_Settings& conf, const 
     socketFile = new QEL_SocketFile(parent, conf.serverip_file, conf.serverport_file);
     socketInfo = new QEL_SocketInfo(parent, conf.serverip_info, conf.serverport_info);
     socketRemoval = new QEL_SocketFile(parent, conf.serverip_file, conf.serverport_file);
-    wireServerSocket(socketFile);
-    wireServerSocket(socketRemoval);
-    wireServerSocket(socketInfo);
 
     threadInfo = new QEL_BaseThread(this);
     threadFile = new QEL_BaseThread(this);
+    // Template removals are INFO requests on a connection of their own.
+    wireServerSocket(socketFile, threadFile);
+    wireServerSocket(socketRemoval, threadInfo);
+    wireServerSocket(socketInfo, threadInfo);
     threadInline = new QEL_ThreadInLine(this);
     threadInline->setSocket(socketInline);
     threadInfo->setHost(this);
@@ -133,8 +134,10 @@ void NetWorkConsole::stop()
     failStore->stop();
 }
 
-void NetWorkConsole::wireServerSocket(QEL_BaseSocket* socket)
+void NetWorkConsole::wireServerSocket(QEL_BaseSocket* socket, QEL_BaseThread* sender)
 {
+    // Any 2xx on it: what that thread gave up while the server was away goes again.
+    connect(socket, &QEL_BaseSocket::sigAnswered, sender, &QEL_BaseThread::serverAnswered);
     connect(socket, &QEL_BaseSocket::sigReply, this, &NetWorkConsole::routeReply);
     connect(socket, &QEL_BaseSocket::sigNotAnswered, this, [this, socket](int number, int status, qint64 retryAfterMs) {
         threadInfo->notAnswered(socket, number, status, retryAfterMs);

@@ -93,7 +93,8 @@ public slots:
     void SlotSysChange(const QList<watchinfo>& changes);
 
 private:
-    void wireServerSocket(QEL_BaseSocket* socket);
+    // `sender`: the send thread whose requests go out on `socket`.
+    void wireServerSocket(QEL_BaseSocket* socket, QEL_BaseThread* sender);
     // Main thread: one message from the application, split by the link.
     void takeApplicationMessage(int type, const QString& body, const std::function<void()>& handled);
     void queueKept(const QList<struct QEL_QueuedRequest>& kept, qint64 spilled);

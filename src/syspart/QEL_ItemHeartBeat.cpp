@@ -137,8 +137,6 @@ RetError QEL_ItemHeartBeat::Item_NetRecvOperate(const QString& body)
     if (thread->queue.acknowledge(number)) {
         thread->answered(number);
         thread->goThrough();
-    } else if (r == 1) {
-        thread->serverAnswered();
     }
     return RET_OK;
 }
