@@ -38,7 +38,6 @@ import argparse
 import collections
 import os
 import random
-import signal
 import sqlite3
 import sys
 import threading
@@ -50,23 +49,11 @@ SYSTEM = os.path.join(ROOT, "tests", "system")
 sys.path.insert(0, SYSTEM)
 sys.path.insert(0, os.path.join(ROOT, "tools"))
 
-import nsrun                                     # noqa: E402
-from benchlib import AgentRuns, percentile, proc_stat, say, table, terminated  # noqa: E402
+from benchlib import AgentRuns, in_namespaces, percentile, proc_kib, proc_stat, say, table  # noqa: E402
 
 STATS = "/vmu/device/monitor/statistics/upload"
 APP_PORT = 8890
 ACK_WAIT = 5.0          # longest wait for one acknowledgement in the outage run, s
-
-
-def rss_kib(pid):
-    try:
-        with open("/proc/%d/status" % pid) as f:
-            for line in f:
-                if line.startswith("VmRSS:"):
-                    return int(line.split()[1])
-    except OSError:
-        pass
-    return 0
 
 
 def history_rows(db):
@@ -221,7 +208,7 @@ def bench_outage(b, a):
     ag = b.start_agent()
     b.app.wait_connected(30)
     time.sleep(2)
-    rss_start = rss_kib(ag.proc.pid)
+    rss_start = proc_kib(ag.proc.pid)
 
     # Each message waits for its "/back/" (at most ACK_WAIT) before the next
     # goes: a message written while the agent is still busy with the last read
@@ -257,10 +244,10 @@ def bench_outage(b, a):
         except AssertionError:
             unacked += 1
         if sent % (a.rate * 30) == 0:
-            say("  %d sent, %d acknowledged, RSS %.1f MiB" % (sent, len(lat), rss_kib(ag.proc.pid) / 1024.0))
+            say("  %d sent, %d acknowledged, RSS %.1f MiB" % (sent, len(lat), proc_kib(ag.proc.pid) / 1024.0))
     sending = time.monotonic() - began
     queued = a.seed_history + len(lat)
-    rss_end = rss_kib(ag.proc.pid)
+    rss_end = proc_kib(ag.proc.pid)
     rows, distinct = history_rows(b.db)
 
     say("sending phase: %d messages in %.1f s (%.1f/s), stopped by %s" % (sent, sending, sent / max(sending, 1e-9),
@@ -409,27 +396,17 @@ def main():
     if not os.access(binary, os.X_OK):
         ap.error("not an executable: %s" % binary)
 
-    if os.environ.get("QEL_IN_NS") != "1":
-        nsrun.reexec(os.path.abspath(__file__), sys.argv[1:])
-    signal.signal(signal.SIGTERM, terminated)
-    say("bench_durability: %s" % " ".join([os.path.basename(sys.argv[0])] + sys.argv[1:]))
-    if a.what == "killnine":
-        say("seed %d" % a.seed)
-    b = None
-    try:
-        nsrun.enter()
+    def run():
+        if a.what == "killnine":
+            say("seed %d" % a.seed)
         b = Bench(binary, a.keep)
-        started = time.monotonic()
-        {"killnine": bench_killnine, "outage": bench_outage, "scale": bench_scale}[a.what](b, a)
-        say("took %.0f s" % (time.monotonic() - started))
-    except KeyboardInterrupt as e:
-        say("interrupted (%s)" % (e or "SIGINT"))
-        return 130
-    finally:
-        if b is not None:
+        try:
+            started = time.monotonic()
+            {"killnine": bench_killnine, "outage": bench_outage, "scale": bench_scale}[a.what](b, a)
+            say("took %.0f s" % (time.monotonic() - started))
+        finally:
             b.close()
-        nsrun.leave()
-    return 0
+    return in_namespaces(__file__, run)
 
 
 if __name__ == "__main__":

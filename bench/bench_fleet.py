@@ -48,9 +48,8 @@ SYSTEM = os.path.join(ROOT, "tests", "system")
 sys.path.insert(0, SYSTEM)
 sys.path.insert(0, os.path.join(ROOT, "tools"))
 
-import nsrun                                     # noqa: E402
 from qel_simnet import bind_listener, close_listening  # noqa: E402
-from benchlib import percentile, proc_stat, say, table, terminated  # noqa: E402
+from benchlib import in_namespaces, percentile, proc_kib, proc_stat, say, table  # noqa: E402
 
 PORTS = {"info": 8000, "file": 8080, "video": 8888}
 STATS = "/vmu/device/monitor/statistics/upload"
@@ -237,17 +236,6 @@ def killpg(pgid, signo):
         pass
 
 
-def pss_kib(pid):
-    try:
-        with open("/proc/%d/smaps_rollup" % pid) as f:
-            for line in f:
-                if line.startswith("Pss:"):
-                    return int(line.split()[1])
-    except OSError:
-        pass
-    return 0
-
-
 def fleet(a):
     from qel_server_sim import ServerSim
     import tempfile
@@ -275,7 +263,7 @@ def fleet(a):
         t0 = time.monotonic()
         time.sleep(a.steady * 2 / 3.0)
         idle_cpu = [(proc_stat(p)[0] - cpu0[i]) / (time.monotonic() - t0) * 100 for i, p in pids.items()]
-        pss = [pss_kib(p) / 1024.0 for p in pids.values()]
+        pss = [proc_kib(p, "smaps_rollup", "Pss") / 1024.0 for p in pids.values()]
         say("server away for %d s" % a.down)
         front.down()
         sim.down()
@@ -408,19 +396,7 @@ def main():
         return child(a)
     if not 1 <= a.n <= 200:
         ap.error("N from 1 to 200")
-    if os.environ.get("QEL_IN_NS") != "1":
-        nsrun.reexec(os.path.abspath(__file__), sys.argv[1:])
-    signal.signal(signal.SIGTERM, terminated)
-    say("bench_fleet: %s" % " ".join([os.path.basename(sys.argv[0])] + sys.argv[1:]))
-    try:
-        nsrun.enter()
-        fleet(a)
-    except KeyboardInterrupt as e:
-        say("interrupted (%s)" % (e or "SIGINT"))
-        return 130
-    finally:
-        nsrun.leave()
-    return 0
+    return in_namespaces(__file__, lambda: fleet(a))
 
 
 if __name__ == "__main__":

@@ -12,7 +12,6 @@ namespaces on loopback:
 Prints the figures; docs/benchmarks.md keeps the results."""
 
 import os
-import statistics
 import subprocess
 import sys
 import tempfile
@@ -24,7 +23,7 @@ sys.path.insert(0, os.path.join(ROOT, "tools"))
 from qel_app_sim import AppSim                      # noqa: E402
 from qel_demo import enter_namespace, make_db       # noqa: E402
 from qel_server_sim import ServerSim                # noqa: E402
-from benchlib import percentile  # noqa: E402
+from benchlib import percentile, proc_kib  # noqa: E402
 
 STATS = "/vmu/device/monitor/statistics/upload"
 
@@ -87,14 +86,6 @@ def proc_cpu_seconds(pid):
     return (int(fields[11]) + int(fields[12])) / ticks
 
 
-def proc_rss_kib(pid):
-    with open("/proc/%d/status" % pid) as f:
-        for line in f:
-            if line.startswith("VmRSS:"):
-                return int(line.split()[1])
-    return 0
-
-
 def bench_idle(binary, seconds=60):
     srv, app, agent = start(binary)
     try:
@@ -103,7 +94,7 @@ def bench_idle(binary, seconds=60):
         cpu1 = proc_cpu_seconds(agent.pid)
         beats = len(srv.requests(path="/vmu/device/heartbeat"))
         print("idle %d s with a live server: %.2f CPU seconds, RSS %.1f MiB, %d heartbeats answered"
-              % (seconds, cpu1 - cpu0, proc_rss_kib(agent.pid) / 1024.0, beats))
+              % (seconds, cpu1 - cpu0, proc_kib(agent.pid) / 1024.0, beats))
     finally:
         stop(srv, app, agent)
 

@@ -28,7 +28,6 @@ import fcntl
 import os
 import re
 import shutil
-import signal
 import socket
 import statistics
 import subprocess
@@ -42,7 +41,7 @@ sys.path.insert(0, SYSTEM)
 sys.path.insert(0, os.path.join(ROOT, "tools"))
 
 import nsrun                                     # noqa: E402
-from benchlib import AgentRuns, percentile, say, table, terminated  # noqa: E402
+from benchlib import AgentRuns, in_namespaces, percentile, proc_kib, say, table  # noqa: E402
 
 APP_PORT = 8890
 HOST = nsrun.HOST_NAME
@@ -51,17 +50,6 @@ MB = 1000 * 1000
 EDGE = 65536                     # bytes of each body's beginning and end kept to compare
 F_SETPIPE_SZ = 1031
 _GLOG_LINE = re.compile(r"^[IWEF](\d{8} \d\d:\d\d:\d\d\.\d{6})\s+\d+ \S+\] (.*)$", re.M)
-
-
-def proc_status_kib(pid, field):
-    try:
-        with open("/proc/%d/status" % pid) as f:
-            for line in f:
-                if line.startswith(field + ":"):
-                    return int(line.split()[1])
-    except OSError:
-        pass
-    return 0
 
 
 def log_events(agent):
@@ -273,13 +261,13 @@ def bench_throughput(b, a):
     # The sink is closed at start: the agent settles while it waits to connect.
     ag = b.start_agent()
     time.sleep(3)
-    rss_before, hwm_before = proc_status_kib(ag.proc.pid, "VmRSS"), proc_status_kib(ag.proc.pid, "VmHWM")
+    rss_before, hwm_before = proc_kib(ag.proc.pid, field="VmRSS"), proc_kib(ag.proc.pid, field="VmHWM")
     peak = [rss_before]
     done = threading.Event()
 
     def sample():
         while not done.is_set():
-            peak[0] = max(peak[0], proc_status_kib(ag.proc.pid, "VmRSS"))
+            peak[0] = max(peak[0], proc_kib(ag.proc.pid, field="VmRSS"))
             time.sleep(0.002)
     sampler = threading.Thread(target=sample, daemon=True)
     sampler.start()
@@ -303,7 +291,7 @@ def bench_throughput(b, a):
     time.sleep(0.5)
     done.set()
     sampler.join()
-    hwm_after = proc_status_kib(ag.proc.pid, "VmHWM")
+    hwm_after = proc_kib(ag.proc.pid, field="VmHWM")
     peak_kib = max(peak[0], hwm_after if hwm_after > hwm_before else 0)
 
     for who, runs in (("agent", agent_runs), ("curl", curl_runs), ("sendfile", kernel_runs)):
@@ -417,37 +405,29 @@ def main():
     if not os.access(binary, os.X_OK):
         ap.error("not an executable: %s" % binary)
 
-    if os.environ.get("QEL_IN_NS") != "1":
-        nsrun.reexec(os.path.abspath(__file__), sys.argv[1:])
-    signal.signal(signal.SIGTERM, terminated)
-    say("bench_upload: %s" % " ".join([os.path.basename(sys.argv[0])] + sys.argv[1:]))
-    benches = []
-    try:
-        nsrun.enter()
-        started = time.monotonic()
-        if a.what in ("throughput", "all"):
-            benches.append(Bench(binary, a.keep))
-            bench_throughput(benches[-1], a)
-            benches.pop().close()
-            say()
-        if a.what in ("packing", "latency", "all"):
-            benches.append(Bench(binary, a.keep))
-            if a.what == "latency":
-                say("(packing once first, so that the images are there and read before)")
-            uploads = bench_packing(benches[-1], a)
-            say()
-            if a.what in ("latency", "all"):
-                bench_latency(benches[-1], a, uploads)
-            benches.pop().close()
-        say("took %.0f s" % (time.monotonic() - started))
-    except KeyboardInterrupt as e:
-        say("interrupted (%s)" % (e or "SIGINT"))
-        return 130
-    finally:
-        for b in benches:
-            b.close()
-        nsrun.leave()
-    return 0
+    def run():
+        benches = []
+        try:
+            started = time.monotonic()
+            if a.what in ("throughput", "all"):
+                benches.append(Bench(binary, a.keep))
+                bench_throughput(benches[-1], a)
+                benches.pop().close()
+                say()
+            if a.what in ("packing", "latency", "all"):
+                benches.append(Bench(binary, a.keep))
+                if a.what == "latency":
+                    say("(packing once first, so that the images are there and read before)")
+                uploads = bench_packing(benches[-1], a)
+                say()
+                if a.what in ("latency", "all"):
+                    bench_latency(benches[-1], a, uploads)
+                benches.pop().close()
+            say("took %.0f s" % (time.monotonic() - started))
+        finally:
+            for b in benches:
+                b.close()
+    return in_namespaces(__file__, run)
 
 
 if __name__ == "__main__":

@@ -43,7 +43,6 @@ import bisect
 import collections
 import os
 import shutil
-import signal
 import subprocess
 import sys
 import tempfile
@@ -55,8 +54,7 @@ SYSTEM = os.path.join(ROOT, "tests", "system")
 sys.path.insert(0, SYSTEM)
 sys.path.insert(0, os.path.join(ROOT, "tools"))
 
-import nsrun                                                     # noqa: E402
-from benchlib import percentile, say, table, terminated  # noqa: E402
+from benchlib import in_namespaces, percentile, say, table  # noqa: E402
 from qel_app_sim import Camera, TestPicture, announcement, frame_number, frame_size   # noqa: E402
 from qel_cdn_sink import CdnSink                                 # noqa: E402
 
@@ -940,10 +938,10 @@ def main():
     if not os.access(a.binary, os.X_OK):
         ap.error("not an executable: %s" % a.binary)
 
-    if os.environ.get("QEL_IN_NS") != "1":
-        nsrun.reexec(os.path.abspath(__file__), sys.argv[1:])
-    signal.signal(signal.SIGTERM, terminated)
-    say("bench_video: %s" % " ".join([os.path.basename(sys.argv[0])] + sys.argv[1:]))
+    return in_namespaces(__file__, lambda: run_parts(a))
+
+
+def run_parts(a):
     say("uptime: %s" % subprocess.run(["uptime"], stdout=subprocess.PIPE, universal_newlines=True).stdout.strip())
     if a.what == "all":
         todo = []
@@ -956,22 +954,14 @@ def main():
     else:
         todo = [(name, run, a) for name, _, run, _ in PARTS if name == a.what]
     started = time.monotonic()
-    try:
-        nsrun.enter()
-        for name, run, args in todo:
-            say()
-            say("== %s (%s)" % (name, load_text()))
-            t = time.monotonic()
-            run(args)
-            say("%s took %.0f s" % (name, time.monotonic() - t))
+    for name, run, args in todo:
         say()
-        say("took %.0f s; %s" % (time.monotonic() - started, load_text()))
-    except KeyboardInterrupt as e:
-        say("interrupted (%s)" % (e or "SIGINT"))
-        return 130
-    finally:
-        nsrun.leave()
-    return 0
+        say("== %s (%s)" % (name, load_text()))
+        t = time.monotonic()
+        run(args)
+        say("%s took %.0f s" % (name, time.monotonic() - t))
+    say()
+    say("took %.0f s; %s" % (time.monotonic() - started, load_text()))
 
 
 if __name__ == "__main__":

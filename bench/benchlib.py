@@ -2,6 +2,8 @@
 
 import os
 import shutil
+import signal
+import sys
 import tempfile
 import time
 
@@ -39,6 +41,41 @@ def proc_stat(pid):
             key, _, value = line.partition(":")
             mem[key] = value.split()[0] if value.split() else "0"
     return cpu, int(mem.get("RssAnon", 0)), int(mem.get("VmRSS", 0))
+
+
+def proc_kib(pid, name="status", field="VmRSS"):
+    """A KiB figure of `pid` from /proc/<pid>/<name> ("Pss" in
+    "smaps_rollup", say); 0 once the process is gone."""
+    try:
+        with open("/proc/%d/%s" % (pid, name)) as f:
+            for line in f:
+                if line.startswith(field + ":"):
+                    return int(line.split()[1])
+    except OSError:
+        pass
+    return 0
+
+
+def in_namespaces(script, body):
+    """Runs `body()` in private namespaces (re-executing `script` with its
+    arguments inside them first), after a line naming the run. ^C, and the
+    SIGTERM unshare --kill-child sends, end it cleanly. Returns the exit
+    code: 0, or 130 when interrupted."""
+    import nsrun       # tests/system, on the path of every bench
+    if os.environ.get("QEL_IN_NS") != "1":
+        nsrun.reexec(os.path.abspath(script), sys.argv[1:])
+    signal.signal(signal.SIGTERM, terminated)
+    name = os.path.splitext(os.path.basename(script))[0]
+    say("%s: %s" % (name, " ".join([os.path.basename(sys.argv[0])] + sys.argv[1:])))
+    try:
+        nsrun.enter()
+        body()
+    except KeyboardInterrupt as e:
+        say("interrupted (%s)" % (e or "SIGINT"))
+        return 130
+    finally:
+        nsrun.leave()
+    return 0
 
 
 def terminated(signum, frame):
